@@ -1,0 +1,23 @@
+// Actions that this build does not provide yet: they answer like an unknown word.
+// Each stub goes away when its action lands.
+#include "front/kiv_actions.hpp"
+#include "front/kiv_log.hpp"
+
+static int not_built()
+{
+    kiv_log(LOG_ERR, "Unknown action\n");
+    return 1;
+}
+
+int kiv_initialize(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
+int kiv_info(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
+int kiv_mount(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
+int kiv_partset(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
+int kiv_install(kiv_options *) { return not_built(); }
+int kiv_getrh(kiv_options *) { return not_built(); }
+int kiv_partinfo(kiv_options *) { return not_built(); }
+int kiv_activate(kiv_options *) { return not_built(); }
+int kiv_upgrade(kiv_options *) { return not_built(); }
+int verify_sets(kiv_options *) { return not_built(); }
+int kiv_getpartset(kiv_options *) { return not_built(); }
+int kiv_zunfinfo(kiv_options *) { return not_built(); }
