@@ -281,9 +281,14 @@ zunf_pinfometa make_software_block(std::string_view name, Version v, std::string
     zunf_pinfometa m =
         software_header(name, v, build_id, static_cast<std::uint32_t>(content.size()));
     m.hdr.body_crc = crc_of(content.data(), content.size());
-    m.hdr.hdr_crc = crc_of(zunf_bytes(&m) + IMAGE_HDR_CRC_FROM,
-                           sizeof m - IMAGE_HDR_CRC_FROM);
+    reseal_software_block(m);
     return m;
+}
+
+void reseal_software_block(zunf_pinfometa &block)
+{
+    block.hdr.hdr_crc =
+        crc_of(zunf_bytes(&block) + IMAGE_HDR_CRC_FROM, sizeof block - IMAGE_HDR_CRC_FROM);
 }
 
 Bytes build_hostconfig(const std::vector<std::pair<std::string, Bytes>> &parts,
@@ -299,20 +304,23 @@ Bytes build_hostconfig(const std::vector<std::pair<std::string, Bytes>> &parts,
 Bytes build_partition(int wts, const zunf_pinfometa &block, ByteView content,
                       std::uint8_t gap_fill)
 {
-    Bytes block_bytes = record_bytes(&block, sizeof block);
+    const std::uint8_t *blk = zunf_bytes(&block);
+    auto padded = static_cast<std::size_t>(zunf_pad4(static_cast<std::uint32_t>(content.size())));
+    // Sized once and filled in place: the layouts are fixed offsets, not a stream.
     Bytes out;
     switch (wts) {
     case 1:
         out.assign(content.begin(), content.end());
         break;
     case 2:
-        out = block_bytes;
-        out.insert(out.end(), content.begin(), content.end());
+        out.resize(sizeof block + content.size());
+        std::copy_n(blk, sizeof block, out.begin());
+        std::copy(content.begin(), content.end(), out.begin() + sizeof block);
         break;
     case 3:
-        out.assign(content.begin(), content.end());
-        out.resize(zunf_pad4(static_cast<std::uint32_t>(content.size())), gap_fill);
-        out.insert(out.end(), block_bytes.begin(), block_bytes.end());
+        out.resize(padded + sizeof block, gap_fill);
+        std::copy(content.begin(), content.end(), out.begin());
+        std::copy_n(blk, sizeof block, out.begin() + static_cast<std::ptrdiff_t>(padded));
         break;
     default:
         break;

@@ -108,6 +108,8 @@ class ImageBuilder {
 // body_length/body_crc of content, software version, hdr_crc over bytes 4..63.
 zunf_pinfometa make_software_block(std::string_view name, Version v, std::string_view build_id,
                                    ByteView content);
+// Recomputes the block's hdr_crc after a caller changed its fields.
+void reseal_software_block(zunf_pinfometa &block);
 
 // Returns a hostconfig image: one data part (type 3, hdr_length 32) per (name, body) in order.
 Bytes build_hostconfig(const std::vector<std::pair<std::string, Bytes>> &parts,
