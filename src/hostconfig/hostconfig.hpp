@@ -28,6 +28,8 @@ int hostconfig_add(hostconfig *hc, const zunf_content_header *part);
 int hostconfig_add_body(hostconfig *hc, const void *body, std::uint32_t length, const char *name);
 // Body (part + 32) of the first part whose name begins with name, or null.
 std::uint8_t *hostconfig_get_body(hostconfig *hc, const char *name);
+// Header of that same part (the one hostconfig_get_body finds), or null.
+zunf_content_header *hostconfig_find_part(hostconfig *hc, const char *name);
 // Loads path, else backup_path (may be null). Returns 1 primary, 2 backup, -1 neither.
 int hostconfig_load(hostconfig *hc, const char *path, const char *backup_path);
 // Writes the part's body_crc then hdr_crc. Returns 1, or -1 for an empty body.
