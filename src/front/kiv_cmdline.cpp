@@ -351,7 +351,7 @@ int kiv_parse_command_line(kiv_options *options, int argc, char **argv)
         qx_printf("%s", kiv_usage_text);
         return KIV_EXIT_SYNTAX;
     }
-    *options = kiv_options{};
+    std::memset(options, 0, sizeof *options);
     apply_early_defaults(options);
 
     // Read before any option, so that the command line overrides the environment.
