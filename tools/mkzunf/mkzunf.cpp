@@ -229,11 +229,14 @@ void split_directive(std::string_view line, std::string &word, Fields &fields)
 
 class Directive {
   public:
-    Directive(std::string word, Fields fields, std::string base_dir)
-        : word_(std::move(word)), fields_(std::move(fields)), base_(std::move(base_dir))
+    Directive(std::string word, Fields fields, std::string base_dir, std::string origin)
+        : word_(std::move(word)), fields_(std::move(fields)), base_(std::move(base_dir)),
+          origin_(std::move(origin))
     {
     }
     const std::string &word() const { return word_; }
+    // Where the directive was given, for messages: "FILE:LINE", "-e '...'" or "--data".
+    const std::string &origin() const { return origin_; }
 
     // Refuses keys outside the allowed set.
     void only(std::initializer_list<const char *> allowed) const
@@ -282,6 +285,7 @@ class Directive {
     std::string word_;
     Fields fields_;
     std::string base_;
+    std::string origin_;
 };
 
 std::string release_text(const Directive &d)
@@ -306,66 +310,80 @@ std::string release_text(const Directive &d)
 
 enum class Mode { image, hostconfig };
 
-// Adds the parts a list of directives describes. Repeated kivm directives are gathered
-// into one part, placed where the first of them stands.
+// Gathers the metadata lines of all kivm directives into one part, placed where the
+// first of them stands.
+struct KivmCollector {
+    std::string text;
+    std::size_t slot = SIZE_MAX;
+};
+
+void add_directive(const Directive &d, Mode mode, std::vector<PartSpec> &parts, KivmCollector &kivm)
+{
+    const std::string &w = d.word();
+    if (mode == Mode::hostconfig && w != "data" && w != "raw")
+        fail("%s: a hostconfig image holds only data and raw parts", w.c_str());
+    if (w == "release") {
+        d.only({"version", "date", "build_id", "products", "text", "text_file"});
+        ImageBuilder one;
+        one.add_release_header(parse_ver(d.get("version")), parse_date(d.get("date", "0")),
+                               d.get("build_id", ""), release_text(d));
+        parts.push_back(one.parts().front());
+    } else if (w == "kivm") {
+        d.only({"line", "text", "file"});
+        if (d.has("line") + d.has("text") + d.has("file") != 1)
+            fail("kivm: give exactly one of line=, text=, file=");
+        if (kivm.slot == SIZE_MAX) {
+            kivm.slot = parts.size();
+            parts.emplace_back();
+        }
+        if (d.has("line")) {
+            kivm.text += d.get("line") + "\n";
+        } else if (d.has("text")) {
+            kivm.text += d.get("text");
+        } else {
+            Bytes f = read_file(d.path("file"));
+            kivm.text.append(f.begin(), f.end());
+        }
+    } else if (w == "software") {
+        d.only({"name", "version", "build_id", "file", "text", "size", "fill"});
+        ImageBuilder one;
+        one.add_software(d.get("name"), parse_ver(d.get("version")), d.get("build_id", ""),
+                         d.content());
+        parts.push_back(one.parts().front());
+    } else if (w == "data") {
+        d.only({"name", "file", "text", "size", "fill"});
+        parts.push_back({ZUNF_TYPE_DATA, d.get("name"), ZUNF_CONTENT_HDR_LEN, {}, d.content()});
+    } else if (w == "raw") {
+        d.only({"type", "name", "hdr_length", "header", "file", "text", "size", "fill"});
+        Bytes header = parse_hex(d.get("header", ""), "header");
+        auto type = static_cast<std::uint16_t>(parse_uint(d.get("type"), 0xFFFF, "type"));
+        auto def_len = std::to_string(ZUNF_CONTENT_HDR_LEN + header.size());
+        auto len = static_cast<std::uint16_t>(
+            parse_uint(d.get("hdr_length", def_len.c_str()), 0xFFFF, "hdr_length"));
+        parts.push_back({type, d.get("name"), len, header, d.content()});
+    } else {
+        fail("unknown directive '%s'", w.c_str());
+    }
+}
+
+// Adds the parts a list of directives describes, in order.
 void apply_directives(const std::vector<Directive> &dirs, Mode mode, ImageBuilder &b)
 {
-    std::string kivm;
-    std::size_t kivm_slot = SIZE_MAX;
+    KivmCollector kivm;
     std::vector<PartSpec> parts;
     for (const Directive &d : dirs) {
-        const std::string &w = d.word();
-        if (mode == Mode::hostconfig && w != "data" && w != "raw")
-            fail("%s: a hostconfig image holds only data and raw parts", w.c_str());
-        if (w == "release") {
-            d.only({"version", "date", "build_id", "products", "text", "text_file"});
-            ImageBuilder one;
-            one.add_release_header(parse_ver(d.get("version")), parse_date(d.get("date", "0")),
-                                   d.get("build_id", ""), release_text(d));
-            parts.push_back(one.parts().front());
-        } else if (w == "kivm") {
-            d.only({"line", "text", "file"});
-            if (d.has("line") + d.has("text") + d.has("file") != 1)
-                fail("kivm: give exactly one of line=, text=, file=");
-            if (kivm_slot == SIZE_MAX) {
-                kivm_slot = parts.size();
-                parts.emplace_back();
-            }
-            if (d.has("line")) {
-                kivm += d.get("line") + "\n";
-            } else if (d.has("text")) {
-                kivm += d.get("text");
-            } else {
-                Bytes f = read_file(d.path("file"));
-                kivm.append(f.begin(), f.end());
-            }
-        } else if (w == "software") {
-            d.only({"name", "version", "build_id", "file", "text", "size", "fill"});
-            ImageBuilder one;
-            one.add_software(d.get("name"), parse_ver(d.get("version")), d.get("build_id", ""),
-                             d.content());
-            parts.push_back(one.parts().front());
-        } else if (w == "data") {
-            d.only({"name", "file", "text", "size", "fill"});
-            parts.push_back({ZUNF_TYPE_DATA, d.get("name"), ZUNF_CONTENT_HDR_LEN, {}, d.content()});
-        } else if (w == "raw") {
-            d.only({"type", "name", "hdr_length", "header", "file", "text", "size", "fill"});
-            Bytes header = parse_hex(d.get("header", ""), "header");
-            auto type = static_cast<std::uint16_t>(parse_uint(d.get("type"), 0xFFFF, "type"));
-            auto def_len = std::to_string(ZUNF_CONTENT_HDR_LEN + header.size());
-            auto len = static_cast<std::uint16_t>(
-                parse_uint(d.get("hdr_length", def_len.c_str()), 0xFFFF, "hdr_length"));
-            parts.push_back({type, d.get("name"), len, header, d.content()});
-        } else {
-            fail("unknown directive '%s'", w.c_str());
+        try {
+            add_directive(d, mode, parts, kivm);
+        } catch (const Error &e) {
+            fail("%s: %s", d.origin().c_str(), e.what());
         }
     }
-    if (kivm_slot != SIZE_MAX) {
-        if (kivm.find('\0') != std::string::npos)
+    if (kivm.slot != SIZE_MAX) {
+        if (kivm.text.find('\0') != std::string::npos)
             fail("kivm: text must not contain a NUL byte");
         ImageBuilder one;
-        one.add_kivm(kivm);
-        parts[kivm_slot] = one.parts().front();
+        one.add_kivm(kivm.text);
+        parts[kivm.slot] = one.parts().front();
     }
     for (PartSpec &p : parts)
         b.add_part(std::move(p));
@@ -394,7 +412,8 @@ std::vector<Directive> read_manifest(const std::string &path)
             std::string word;
             Fields fields;
             split_directive(line, word, fields);
-            out.emplace_back(word, std::move(fields), base);
+            out.emplace_back(word, std::move(fields), base,
+                             path + ":" + std::to_string(lineno));
         } catch (const Error &e) {
             fail("%s:%d: %s", path.c_str(), lineno, e.what());
         }
@@ -596,14 +615,14 @@ int run(int argc, char **argv)
             } catch (const Error &err) {
                 fail("-e '%s': %s", e.c_str(), err.what());
             }
-            dirs.emplace_back(word, std::move(fields), "");
+            dirs.emplace_back(word, std::move(fields), "", "-e '" + e + "'");
         }
         for (const std::string &d : a.data) {
             std::size_t eq = d.find('=');
             if (eq == std::string::npos || eq == 0)
                 fail("--data needs NAME=FILE");
             dirs.emplace_back("data", Fields{{"name", d.substr(0, eq)}, {"file", d.substr(eq + 1)}},
-                              "");
+                              "", "--data=" + d);
         }
         if (dirs.empty())
             fail("no parts given (manifest, -e or --data)");
