@@ -300,17 +300,17 @@ std::vector<std::uint8_t> encode_record(const Record &r)
     return b;
 }
 
-std::vector<std::uint8_t> encode_image(const std::vector<PartSpec> &parts)
+std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts)
 {
     std::vector<std::uint8_t> img(24, 0);
-    for (const PartSpec &spec : parts) {
+    for (const NewPart &part : parts) {
         std::size_t pos = img.size();
-        img.resize(pos + pad4(32u + spec.body.size()), 0);
-        put16(img, pos + 4, spec.type_id);
+        img.resize(pos + pad4(32u + part.body.size()), 0);
+        put16(img, pos + 4, part.type_id);
         put16(img, pos + 6, 32);
-        put32(img, pos + 8, static_cast<std::uint32_t>(spec.body.size()));
-        put_text(img, pos + 12, 16, spec.name);
-        std::copy(spec.body.begin(), spec.body.end(),
+        put32(img, pos + 8, static_cast<std::uint32_t>(part.body.size()));
+        put_text(img, pos + 12, 16, part.name);
+        std::copy(part.body.begin(), part.body.end(),
                   img.begin() + static_cast<std::ptrdiff_t>(pos + 32));
     }
     std::copy(MAGIC, MAGIC + 8, img.begin());

@@ -131,7 +131,7 @@ std::optional<Record> decode_kiv_data(std::span<const std::uint8_t> bytes);
 // The 2964 bytes of a record (padding and unused bytes zero; refs taken from raw_refs).
 std::vector<std::uint8_t> encode_record(const Record &record);
 
-struct PartSpec {
+struct NewPart {
     std::string name;              // cut to 15 characters
     std::vector<std::uint8_t> body;
     std::uint16_t type_id = 3;
@@ -139,7 +139,7 @@ struct PartSpec {
 
 // A finalised image as the product writes it: magic, version 1, hdr_length 16, parts with
 // 32-byte headers on 4-byte boundaries, zero padding, all CRCs right.
-std::vector<std::uint8_t> encode_image(const std::vector<PartSpec> &parts);
+std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts);
 
 // Recomputes all CRCs of an image in place (after a test edited a field), walking the
 // parts as the header and part lengths say. Stops silently at anything out of range.

@@ -339,7 +339,7 @@ Bytes reseal(Bytes img)
 
 Bytes n_parts(int n)
 {
-    std::vector<hcdecode::PartSpec> parts;
+    std::vector<hcdecode::NewPart> parts;
     for (int i = 0; i < n; ++i)
         parts.push_back({"p" + std::to_string(i), {static_cast<std::uint8_t>(i)}});
     return hcdecode::encode_image(parts);

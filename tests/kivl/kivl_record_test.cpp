@@ -179,7 +179,7 @@ TEST(KivlRecord, ImportNeedsAWholeKivDataBody)
 {
     struct Case {
         const char *what;
-        std::vector<hcdecode::PartSpec> parts;
+        std::vector<hcdecode::NewPart> parts;
         int result;
         std::uint8_t first_byte; // of the record afterwards
     };
