@@ -1,0 +1,425 @@
+// The real kiv on the simulated device: what a user or a boot script sees of the command
+// line, the process guard and the lock (exit codes, exact messages, system log lines).
+#include <algorithm>
+#include <fcntl.h>
+#include <string>
+#include <sys/file.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/sandbox.hpp"
+
+namespace {
+
+using kiv::test::Device;
+using kiv::test::RunOptions;
+using kiv::test::SandboxResult;
+using kiv::test::SyslogLine;
+
+// The usage text as the operator's manual shows it.
+const std::string USAGE = R"usage(Usage: kiv [ ... ] ACTION [ ... ]
+where ACTION usage must be one of the following:
+  help
+  initialize
+  info
+  partset SETIDX [SETNAME] [-refs=PARTREFS]
+  activate [SETIDX|SETNAME]
+  partinfo PARTIDX [ POOLNAME SIZE [-offset=OFFSET] [-mount=MOUNT]
+                                   [-pn=PNUMBER] [-fstype=FSTYPE] ]
+  install ZUNF SETIDX
+  verify [SETIDX|SETNAME]
+  upgrade [activate|validate|test]
+  mount [SETIDX|SETNAME]
+  getpartset [SETIDX|active] [name] [-pif=PIF]
+  getrh [SETIDX|SETNAME|active] [-pif=PIF]
+  zunfinfo ZUNF [-all]
+COMMON OPTIONS can be located anywhere as long
+as they do not break the syntax of an ACTION:
+  -dryrun       do not alter hostconfig
+  -test         when activating set, mark it for test
+  -onlymeta     do only operate on hostconfig
+  -v            show verbose information
+  -f            force an action
+  -meta=major,minor,buildnumber
+  -zunfsize     max ZUNF size
+  -rewrite      force rewrite even if installed
+  -cfg=HOSTCFG  use another hostconfig than the default one
+  -cfgbak=HOSTCFG  use another hostconfig backup than the default one
+  -dev=DEVICE   use another storage device to operate on its partitions
+                than the default one
+  -noactivate   do not update active set after install
+  -product=MODEL only install if release header contains this model
+                 can also be set from the environment KIV_PRODUCT
+  -platform=PLF match platform in kivm, defaults to product
+                 can also be set from the environment KIV_PLATFORM
+  -minver=major.minor.buildnumber mimimum release version to install
+  -iptos=TOS    set type of service (TOS) for IP communication
+HOSTCFG:
+  For this system default hostconfig (HOSTCFG) is located at:
+    /dev/mtd5 (backup located at /dev/mtd2)
+SETIDX and install action:
+  If -1 is given as SETIDX at install time KIV will try to
+  autoselect a SETIDX suitable for installation.
+PARTIDX and partinfo action:
+  PARTIDX is the index to an element in the hostconfig partition info
+  table. As default the PARTIDX number is the same as the partition
+  number the entry covers. However the partition number can be set to
+  something else with the -pn=NUMBER option. Example:
+    $ kiv partinfo 4 TESTPOOL 0x100 -pn=22
+  In this example PARTIDX 4 covers partition 22 and not partition 4
+  as it would have if the -pn option was not given.
+ZUNF is a valid ZUNF file. Can be fetched either from
+  the file system, tftp or by CURL (if CURL is enabled).
+FSTYPE:
+  can be e.g. squashfs, ext2, ex3, ext4, jffs2, virtuals.
+)usage";
+
+constexpr int FACILITY_USER = LOG_USER >> 3;
+
+SyslogLine logged(int severity, std::string text)
+{
+    return SyslogLine{FACILITY_USER, severity, "KIV", std::move(text)};
+}
+
+std::vector<SyslogLine> sorted(std::vector<SyslogLine> lines)
+{
+    std::sort(lines.begin(), lines.end(), [](const SyslogLine &a, const SyslogLine &b) {
+        return std::tie(a.severity, a.text) < std::tie(b.severity, b.text);
+    });
+    return lines;
+}
+
+// The lines of a text, each with its newline, in sorted order: the parent and the child
+// write to one standard error, and their order is not fixed.
+std::vector<std::string> sorted_lines(const std::string &text)
+{
+    std::vector<std::string> lines;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        std::size_t end = text.find('\n', start);
+        end = end == std::string::npos ? text.size() : end + 1;
+        lines.push_back(text.substr(start, end - start));
+        start = end;
+    }
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
+
+// Holds the lock another run would hold, for as long as it lives.
+class LockHolder {
+  public:
+    explicit LockHolder(const std::string &path)
+        : fd_(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600))
+    {
+        locked_ = fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) == 0;
+    }
+    ~LockHolder()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    LockHolder(const LockHolder &) = delete;
+    LockHolder &operator=(const LockHolder &) = delete;
+    bool locked() const { return locked_; }
+
+  private:
+    int fd_;
+    bool locked_ = false;
+};
+
+TEST(KivFrontE2e, HelpPrintsTheUsage)
+{
+    Device dev;
+    SandboxResult r = dev.run_kiv({"help"});
+    EXPECT_EQ(r.exit, 0) << r.describe();
+    EXPECT_EQ(r.out, USAGE);
+    EXPECT_EQ(r.err, "");
+    EXPECT_TRUE(r.syslog.empty()) << r.describe();
+}
+
+TEST(KivFrontE2e, NoWordAtAllIsASyntaxErrorWithTheUsage)
+{
+    Device dev;
+    SandboxResult r = dev.run_kiv({});
+    EXPECT_EQ(r.exit, 1) << r.describe();
+    EXPECT_EQ(r.err, "Syntax error, argc(1) < 2\n");
+    EXPECT_EQ(r.out, USAGE);
+    EXPECT_EQ(r.syslog, std::vector{logged(LOG_ERR, "Syntax error, argc(1) < 2\n")});
+}
+
+// Every refused command line ends with 1 before the lock: the lock is held by the test
+// throughout, so a run that got as far as the lock would say so instead.
+TEST(KivFrontE2e, RefusedCommandLines)
+{
+    Device dev;
+    const std::string lock = dev.scratch_path("kiv.lock");
+    LockHolder holder(lock);
+    ASSERT_TRUE(holder.locked());
+    const std::string lockopt = "-lockfile=" + lock;
+
+    struct Row {
+        std::vector<std::string> words;
+        std::string message;
+    };
+    std::vector<std::string> twenty = {lockopt, "getrh"};
+    for (int i = 1; i < 20; ++i)
+        twenty.push_back(std::to_string(i));
+    const std::string too_long(100, 'x');
+    const std::vector<Row> rows = {
+        {{lockopt, "-v"}, "ACTION is missing.\n"},
+        {{lockopt, "-meta=x", "help"}, "-meta syntax failure.\n"},
+        {{lockopt, "-zunfsize", "help"}, "-zunfsize syntax failure.\n"},
+        {{lockopt, "-cfgbak", "help"}, "-cfgbak syntax failure.\n"},
+        {{lockopt, "help", "-cfg"}, "-cfg syntax failure.\n"},
+        {{lockopt, "info", "-cfg"}, "-cfg syntax failure.\n"},
+        {{lockopt, "-dev", "help"}, "-dev syntax failure.\n"},
+        {{lockopt, "-dev=/tmp", "help"}, "-dev failure. /tmp is not a block device\n"},
+        {{lockopt, "-dev=/dev/mtd5", "help"}, "-dev failure. /dev/mtd5 is not a block device\n"},
+        {{lockopt, "-minver=1.2", "help"}, "-minver syntax failure.\n"},
+        {{lockopt, "-iptos=x", "help"}, "-iptos syntax failure.\n"},
+        {{lockopt, "-plugin=libkivext.so", "help"}, "plugin support not enabled.\n"},
+        {{lockopt, "-locked", "help"}, "-lock syntax failure.\n"},
+        {{lockopt, "-autoset", "help"}, "-autosetfile syntax failure.\n"},
+        {{lockopt, "-actx=1", "help"}, "-activesetfile syntax failure.\n"},
+        {{lockopt, "-cfg=/" + too_long, "help"}, "-cfg value too long.\n"},
+        {{lockopt, "-cfgbak=/" + too_long, "help"}, "-cfgbak value too long.\n"},
+        {{lockopt, "-lockfile=/" + too_long, "help"}, "-lockfile value too long.\n"},
+        {{lockopt, "-autosetfile=/" + too_long, "help"}, "-autosetfile value too long.\n"},
+        {{lockopt, "-activesetfile=/" + too_long, "help"}, "-activesetfile value too long.\n"},
+        {{lockopt, "-plugin=" + std::string(200, 'p'), "help"}, "-plugin value too long.\n"},
+        {twenty, "Too many arguments.\n"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.message);
+        SandboxResult r = dev.run_kiv(row.words);
+        EXPECT_EQ(r.exit, 1) << r.describe();
+        EXPECT_EQ(r.err, row.message);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.syslog, std::vector{logged(LOG_ERR, row.message)});
+    }
+}
+
+TEST(KivFrontE2e, ActionWordsAreExact)
+{
+    Device dev;
+    for (const char *word : {"Help", "HELP", "help2", "-help"}) {
+        SCOPED_TRACE(word);
+        SandboxResult r = dev.run_kiv({word});
+        EXPECT_EQ(r.exit, 1) << r.describe();
+        EXPECT_EQ(r.err, "Unknown action\n");
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(r.syslog, std::vector{logged(LOG_ERR, "Unknown action\n")});
+    }
+}
+
+TEST(KivFrontE2e, OptionsMayStandAnywhere)
+{
+    Device dev;
+    SandboxResult before = dev.run_kiv({"-v", "-dryrun", "info"});
+    SandboxResult after = dev.run_kiv({"info", "-dryrun", "-v"});
+    EXPECT_EQ(before.exit, after.exit);
+    EXPECT_EQ(before.out, after.out);
+    EXPECT_EQ(before.err, after.err);
+    EXPECT_EQ(before.syslog, after.syslog);
+    EXPECT_EQ(before.out.rfind("action: info hostcfg: /dev/mtd5 (backup: /dev/mtd2) ", 0), 0u)
+        << before.describe();
+    EXPECT_NE(before.out.find("-dryrun: 1 -v: 1 "), std::string::npos) << before.describe();
+}
+
+TEST(KivFrontE2e, VerboseSummary)
+{
+    Device dev;
+    SandboxResult r = dev.run_kiv(
+        {"-v", "-r", "-f", "-meta=0x01020003", "-zunfsize=4096", "-rewrite", "-cfg=/tmp/h.img",
+         "help", "-minver=1.2.3", "-lockfile=/tmp/x.lock", "-autosetfile=/tmp/a", "extra",
+         "-activesetfile=/tmp/b", "-refs=1,2", "-1"});
+    EXPECT_EQ(r.exit, 0) << r.describe();
+    EXPECT_EQ(r.out, "action: help hostcfg: /tmp/h.img (backup: ) device: /dev/mtd%i -r: 1 "
+                     "-dryrun: 0 -v: 1 -f: 1 -meta: 1.2.3 -zunfsize=4096 -rewrite=1\n"
+                     "-minver: 1.2.3 -lockfile: /tmp/x.lock -autosetfile: /tmp/a "
+                     "-activesetfile: /tmp/b\n"
+                     "other: extra -refs=1,2 -1 \n" +
+                         USAGE);
+    EXPECT_EQ(r.err, "");
+
+    SandboxResult plain = dev.run_kiv({"-v", "-cfgbak=/tmp/b.img", "help"});
+    EXPECT_EQ(plain.out.substr(0, plain.out.find('\n') + 1),
+              "action: help hostcfg: /dev/mtd5 (backup: /tmp/b.img) device: /dev/mtd%i -r: 0 "
+              "-dryrun: 0 -v: 1 -f: 0 -meta: 0.0.0 -zunfsize=16777216 -rewrite=0\n");
+    EXPECT_NE(plain.out.find("\nother: \n"), std::string::npos) << plain.describe();
+}
+
+TEST(KivFrontE2e, EnvironmentLimits)
+{
+    Device dev;
+    struct Row {
+        std::string env;
+        int exit;
+        std::string err;
+    };
+    const std::vector<Row> rows = {
+        {"KIV_PRODUCT=ABCDEFGHIJKLMNO", 0, ""},
+        {"KIV_PRODUCT=", 0, ""},
+        {"KIV_PRODUCT=ABCDEFGHIJKLMNOP", 1, "KIV_PRODUCT too long: ABCDEFGHIJKLMNOP\n"},
+        {"KIV_PLATFORM=ABCDEFG", 0, ""},
+        {"KIV_PLATFORM=", 0, ""},
+        {"KIV_PLATFORM=ABCDEFGH", 1, "KIV_PLATFORM too long: ABCDEFGH\n"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.env);
+        RunOptions options;
+        options.env = {row.env};
+        SandboxResult r = dev.run_kiv({"help"}, options);
+        EXPECT_EQ(r.exit, row.exit) << r.describe();
+        EXPECT_EQ(r.err, row.err);
+        EXPECT_EQ(r.out, row.exit == 0 ? USAGE : "");
+        if (row.exit != 0) {
+            EXPECT_EQ(r.syslog, std::vector{logged(LOG_CRIT, row.err)});
+        }
+    }
+}
+
+TEST(KivFrontE2e, LockFileIsTakenAndRemoved)
+{
+    Device dev;
+    const std::string lock = dev.scratch_path("kiv.lock");
+    {
+        LockHolder holder(lock);
+        ASSERT_TRUE(holder.locked());
+        SandboxResult busy = dev.run_kiv({"-lockfile=" + lock, "help"});
+        EXPECT_EQ(busy.exit, 1) << busy.describe();
+        EXPECT_EQ(busy.err, "Could not acquire kiv lock\n");
+        EXPECT_EQ(busy.out, ""); // the action did not run
+        EXPECT_EQ(busy.syslog, std::vector{logged(LOG_ERR, "Could not acquire kiv lock\n")});
+        EXPECT_TRUE(exists(lock)); // the holder's file stays
+    }
+    // A file left behind by a killed run is taken again and removed at the end.
+    SandboxResult free = dev.run_kiv({"-lockfile=" + lock, "help"});
+    EXPECT_EQ(free.exit, 0) << free.describe();
+    EXPECT_EQ(free.out, USAGE);
+    EXPECT_FALSE(exists(lock));
+
+    SandboxResult missing = dev.run_kiv({"-lockfile=/tmp/no/such/dir/kiv.lock", "help"});
+    EXPECT_EQ(missing.exit, 1) << missing.describe();
+    EXPECT_EQ(missing.err, "Could not acquire kiv lock\n");
+    EXPECT_EQ(missing.out, "");
+}
+
+TEST(KivFrontE2e, DefaultLockFileIsInTmp)
+{
+    if (!exists("/usr/bin/flock"))
+        GTEST_SKIP() << "util-linux flock not installed";
+    Device dev;
+    // Another holder of /tmp/kiv.lock on the device: kiv must give up at once.
+    SandboxResult busy = dev.run({"/usr/bin/flock", "-n", "/tmp/kiv.lock", kiv::test::kiv_bin(),
+                                  "help"});
+    EXPECT_EQ(busy.exit, 1) << busy.describe();
+    EXPECT_EQ(busy.err, "Could not acquire kiv lock\n");
+    EXPECT_EQ(busy.out, "");
+
+    SandboxResult cleaned =
+        dev.run({"/bin/sh", "-c",
+                 kiv::test::kiv_bin() + " help >/dev/null; echo $?; ls /tmp/kiv.lock"});
+    EXPECT_EQ(cleaned.out, "0\n") << cleaned.describe();
+    EXPECT_NE(cleaned.err.find("No such file"), std::string::npos) << cleaned.describe();
+}
+
+// Runs kiv on the device with the fault-injecting library preloaded into kiv only (not into
+// the simulator, which forks and waits itself).
+SandboxResult run_with_fault(Device &dev, const std::string &fault,
+                             std::vector<std::string> args, RunOptions options = {})
+{
+    std::vector<std::string> argv = {"/usr/bin/env", std::string("LD_PRELOAD=") + KIV_GUARD_PRELOAD,
+                                     "KIV_GUARD_FAULT=" + fault, kiv::test::kiv_bin()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string preload = KIV_GUARD_PRELOAD;
+    options.keep.push_back(preload.substr(0, preload.rfind('/')));
+    return dev.run(argv, options);
+}
+
+TEST(KivFrontE2e, ProcessGuard)
+{
+    struct Row {
+        const char *fault;
+        int exit;
+        std::vector<SyslogLine> messages; // standard error and the system log alike
+        bool action_ran;
+        bool lock_left;
+    };
+    const std::vector<Row> rows = {
+        {"abort", 69, {logged(LOG_CRIT, "child terminated by signal #6\n")}, false, true},
+        {"kill", 72, {logged(LOG_CRIT, "child terminated by signal #9\n")}, false, true},
+        {"signals",
+         0,
+         {logged(LOG_INFO, "yet unknown if child: Got signal #1\n"),
+          logged(LOG_INFO, "parent: Got signal #15\n"), logged(LOG_INFO, "child: Got signal #2\n"),
+          logged(LOG_INFO, "parent: Got signal #10\n"),
+          logged(LOG_INFO, "child: Got signal #12\n")},
+         true,
+         false},
+        {"unlink", 0, {logged(LOG_ERR, "WARNING: kiv_unlock failed\n")}, true, false},
+        {"fork", 1, {logged(LOG_ERR, "Fork failed\n")}, false, false},
+        {"wait", 12, {logged(LOG_CRIT, "wait() did not succeed\n")}, true, false},
+        {"wait_stopped", 13, {logged(LOG_CRIT, "child terminated for some unknown reason\n")},
+         true, false},
+        {"wait_sig65", 63, {logged(LOG_CRIT, "child terminated by unknown signal #65\n")}, true,
+         false},
+        {"getpgrp", 3, {logged(LOG_ERR, "getpgrp() failed\n")}, false, false},
+        {"setpgid", 3, {logged(LOG_ERR, "setpgid() failed\n")}, false, false},
+        {"same_group", 3, {logged(LOG_ERR, "No new process group created?\n")}, false, false},
+        {"sigaction", 4, {logged(LOG_ERR, "Could not catch signal #10\n")}, false, false},
+    };
+    Device dev;
+    const std::string lock = dev.scratch_path("kiv.lock");
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.fault);
+        ::unlink(lock.c_str());
+        SandboxResult r = run_with_fault(dev, row.fault, {"-lockfile=" + lock, "help"});
+        EXPECT_EQ(r.exit, row.exit) << r.describe();
+        std::string err;
+        for (const SyslogLine &m : row.messages)
+            err += m.text;
+        EXPECT_EQ(sorted_lines(r.err), sorted_lines(err));
+        EXPECT_EQ(sorted(r.syslog), sorted(row.messages));
+        EXPECT_EQ(r.out, row.action_ran ? USAGE : "");
+        EXPECT_EQ(exists(lock), row.lock_left);
+    }
+}
+
+TEST(KivFrontE2e, TerminalKeepsCommandErrorsOutOfTheSystemLog)
+{
+    Device dev;
+    RunOptions tty;
+    tty.stdout_tty = true;
+
+    SandboxResult piped = dev.run_kiv({"Help"});
+    EXPECT_EQ(piped.syslog, std::vector{logged(LOG_ERR, "Unknown action\n")});
+
+    SandboxResult on_tty = dev.run_kiv({"Help"}, tty);
+    EXPECT_EQ(on_tty.exit, 1) << on_tty.describe();
+    EXPECT_EQ(on_tty.err, "Unknown action\n");
+    EXPECT_TRUE(on_tty.syslog.empty()) << on_tty.describe();
+
+    SandboxResult help = dev.run_kiv({"help"}, tty);
+    EXPECT_EQ(help.exit, 0) << help.describe();
+    EXPECT_EQ(help.out, USAGE);
+
+    // What must reach the system log does so on a terminal as well.
+    RunOptions long_product = tty;
+    long_product.env = {"KIV_PRODUCT=ABCDEFGHIJKLMNOPQ"};
+    SandboxResult product = dev.run_kiv({"help"}, long_product);
+    EXPECT_EQ(product.exit, 1) << product.describe();
+    EXPECT_EQ(product.syslog,
+              std::vector{logged(LOG_CRIT, "KIV_PRODUCT too long: ABCDEFGHIJKLMNOPQ\n")});
+
+    SandboxResult aborted = run_with_fault(dev, "abort", {"help"}, tty);
+    EXPECT_EQ(aborted.exit, 69) << aborted.describe();
+    EXPECT_EQ(aborted.syslog, std::vector{logged(LOG_CRIT, "child terminated by signal #6\n")});
+}
+
+} // namespace
