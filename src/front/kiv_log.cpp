@@ -1,5 +1,6 @@
 #include "front/kiv_log.hpp"
 
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <unistd.h>
@@ -14,6 +15,14 @@ enum class Channel { StderrMaybeSyslog, StderrAndSyslog, SyslogOnly };
 void emit(Channel ch, int priority, const char *format, va_list args) QX_PRINTF(3, 0);
 void emit(Channel ch, int priority, const char *format, va_list args)
 {
+    // The process guard's signal handler logs through here, and its handler runs with no
+    // other signal blocked. A second signal arriving while a message is half-written would
+    // re-enter syslog() and stdio and hang on their locks; two quick signals to the parent
+    // did exactly that. So no handler may run while a message is being written.
+    sigset_t all, saved;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &saved);
+
     char msg[MSG_LEN];
     qx_vsnprintf(msg, sizeof msg, format, args);
     if (ch != Channel::SyslogOnly)
@@ -23,6 +32,8 @@ void emit(Channel ch, int priority, const char *format, va_list args)
     bool to_syslog = ch != Channel::StderrMaybeSyslog || !::isatty(1);
     if (to_syslog)
         syslog(priority, "%s", msg); // never pass message text as a format
+
+    sigprocmask(SIG_SETMASK, &saved, nullptr);
 }
 } // namespace
 
