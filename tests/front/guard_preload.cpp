@@ -16,6 +16,8 @@
 //   setpgid        setpgid fails
 //   same_group     setpgid pretends to succeed but changes nothing
 //   sigaction      installing a handler for SIGUSR1 fails
+//   install_hook   the install hook called after a failed hostconfig load returns -1, so
+//                  that the install action (and with it the child) ends with -1
 //
 // Without the variable every call goes straight to the C library.
 #include <cerrno>
@@ -134,6 +136,16 @@ int sigaction(int signum, const struct sigaction *action, struct sigaction *old)
     }
     using Fn = int (*)(int, const struct sigaction *, struct sigaction *);
     return real<Fn>("sigaction")(signum, action, old);
+}
+
+// The optional install hook, found by the dynamic loader like a plug-in's. It is present in
+// every preloaded run; only the fault makes it refuse.
+int kiv_install_hook_hcfg_fail(void *context, void *hostconfig, int rebuild_result)
+{
+    (void)context;
+    (void)hostconfig;
+    (void)rebuild_result;
+    return fault_is("install_hook") ? -1 : 0;
 }
 
 } // extern "C"

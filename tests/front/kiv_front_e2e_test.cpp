@@ -391,6 +391,20 @@ TEST(KivFrontE2e, ProcessGuard)
     }
 }
 
+TEST(KivFrontE2e, ActionResultMinusOneBecomes255)
+{
+    // The only road to -1: the install hook after a failed hostconfig load (the flash of a
+    // fresh device holds none) refuses with -1, and install passes that on.
+    Device dev;
+    SandboxResult r = run_with_fault(dev, "install_hook", {"install", "/tmp/none.zunf", "1"});
+    if (r.err == "Unknown action\n")
+        GTEST_SKIP() << "install is not part of this build yet";
+    EXPECT_EQ(r.exit, 255) << r.describe();
+    EXPECT_NE(r.err.find("kiv_install_hook_hcfg_fail returned non success (-1)\n"),
+              std::string::npos)
+        << r.describe();
+}
+
 TEST(KivFrontE2e, TerminalKeepsCommandErrorsOutOfTheSystemLog)
 {
     Device dev;
