@@ -8,8 +8,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <poll.h>
+#include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <random>
 #include <string>
 #include <sys/stat.h>
@@ -580,6 +586,75 @@ TEST(Sim, NothingIsLeftMountedOnTheHost) {
     EXPECT_EQ(mounts.find("kiv-flashsim"), std::string::npos) << mounts;
 }
 
+// Host pids of processes whose command line (NULs as spaces) starts with
+// prefix and contains needle.
+std::vector<pid_t> processes_with(const std::string &prefix, const std::string &needle) {
+    std::vector<pid_t> pids;
+    DIR *d = opendir("/proc");
+    while (dirent *de = d ? readdir(d) : nullptr) {
+        pid_t pid = std::atoi(de->d_name);
+        if (pid <= 0 || pid == getpid())
+            continue;
+        std::string cmdline;
+        std::ifstream in("/proc/" + std::string(de->d_name) + "/cmdline", std::ios::binary);
+        std::getline(in, cmdline, '\x01');
+        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+        if (cmdline.starts_with(prefix) && cmdline.find(needle) != std::string::npos)
+            pids.push_back(pid);
+    }
+    if (d)
+        closedir(d);
+    return pids;
+}
+
+TEST(Sim, KillingTheSandboxEndsEverythingInIt) {
+    Device dev;
+    std::string marker = dev.dir() + "/marker"; // RUNDIR is reachable inside
+    std::ofstream(marker).flush();
+    int out[2];
+    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
+    pid_t sandbox = fork();
+    ASSERT_GE(sandbox, 0);
+    if (sandbox == 0) {
+        dup2(out[1], STDOUT_FILENO);
+        alarm(30);
+        execl(kiv::test::sandbox_bin().c_str(), "kiv-sandbox", "--dir", dev.dir().c_str(), "--",
+              "/bin/sh", "-c", "echo started; exec tail -f /dev/null \"$0\"", marker.c_str(),
+              nullptr);
+        _exit(127);
+    }
+    close(out[1]);
+    pollfd pfd{out[0], POLLIN, 0};
+    ASSERT_EQ(poll(&pfd, 1, 10000), 1);
+    char buf[16];
+    ASSERT_GT(read(out[0], buf, sizeof buf), 0);
+
+    // The command (found by its marker argument) and the simulator (by the
+    // run directory in its arguments) are running now.
+    std::vector<int> pidfds;
+    for (const auto &[prefix, needle] : {std::pair{std::string("tail "), marker},
+                                         {std::string("kiv-flashsim "), dev.dir() + "/flash"}}) {
+        std::vector<pid_t> pids;
+        // tail replaces the shell right after "started"; look until it has.
+        for (int i = 0; i < 1000 && pids.empty(); ++i)
+            pids = processes_with(prefix, needle);
+        ASSERT_EQ(pids.size(), 1u) << needle;
+        int fd = static_cast<int>(syscall(SYS_pidfd_open, pids[0], 0));
+        ASSERT_GE(fd, 0);
+        pidfds.push_back(fd);
+    }
+    kill(sandbox, SIGKILL);
+    waitpid(sandbox, nullptr, 0);
+    for (int fd : pidfds) {
+        pollfd p{fd, POLLIN, 0};
+        EXPECT_EQ(poll(&p, 1, 10000), 1) << "a process outlived the sandbox";
+        close(fd);
+    }
+    close(out[0]);
+    std::string mounts = kiv::test::read_text_file("/proc/self/mountinfo");
+    EXPECT_EQ(mounts.find("kiv-flashsim"), std::string::npos);
+}
+
 // ------------------------------------------------------------ a real client
 
 TEST(Sim, FlashcpWritesAndVerifiesAnImage) {
@@ -601,4 +676,36 @@ TEST(Sim, FlashcpWritesAndVerifiesAnImage) {
     EXPECT_TRUE(std::equal(image.begin(), image.end(), img.begin(),
                            [](char a, std::uint8_t b) { return static_cast<std::uint8_t>(a) == b; }));
     EXPECT_EQ(slice(img, 131072, 131072), filled(131072, 0x00));
+}
+
+// ------------------------------------------------------------ the daemon alone
+
+TEST(FlashSim, AfterPowerLossWritesAndWritableOpensFail) {
+    DeviceOptions d;
+    d.layout = "mtd 0 size=128K erase=64K\n";
+    Device dev(d); // only for its images; the simulator runs without the sandbox
+    dev.set_flash(0, filled(4, 0x00));
+    std::string events = dev.scratch_path("events");
+    auto r = kiv::test::run_process(
+        {SIM_PROBE_BIN, kiv::test::flashsim_bin(), dev.dir() + "/flash", events, "--fault",
+         "powercut:2", "--", kMtdTool, "@MNT@/mtd0", "erase", "0", "65536", "+", "write", "0",
+         "00", "1", "+", "write", "1", "00", "1", "+", "erase", "65536", "65536", "+", "read",
+         "0", "2", "+", "reopen"});
+    EXPECT_EQ(r.exit, 1) << r.describe();
+    EXPECT_EQ(r.out, "erase ok\nwrite 1\nwrite EIO\nerase EIO\nread 2 00ff\nreopen EIO\n")
+        << r.describe();
+    EXPECT_EQ(kiv::test::read_text_file(events),
+              "open mtd0 rw\nerase mtd0 0 65536\nwrite mtd0 0 1\npowercut 2\n");
+    auto img = dev.flash(0);
+    EXPECT_EQ(slice(img, 0, 4), (std::vector<std::uint8_t>{0x00, 0xFF, 0xFF, 0xFF}));
+}
+
+TEST(FlashSim, ServesEveryImageOfADirectory) {
+    DeviceOptions d;
+    d.layout = "mtd 2 size=64K erase=64K\nmtd 11 size=128K erase=64K\n";
+    Device dev(d);
+    auto r = kiv::test::run_process({SIM_PROBE_BIN, kiv::test::flashsim_bin(), dev.dir() + "/flash",
+                                     dev.scratch_path("events"), "--", "/bin/ls", "@MNT@"});
+    EXPECT_EQ(r.exit, 0) << r.describe();
+    EXPECT_EQ(r.out, "mtd11\nmtd2\n") << r.describe();
 }
