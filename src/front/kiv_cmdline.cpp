@@ -89,8 +89,7 @@ constexpr std::int32_t MAX_WORDS = static_cast<std::int32_t>(KIV_MAX_ARGS) - 1;
 // How one command-line word was taken.
 enum class Word { Option, Plain, Refused };
 
-Word refuse(const char *message)
-{
+Word refuse(const char *message) {
     kiv_log(LOG_ERR, "%s", message);
     return Word::Refused;
 }
@@ -98,10 +97,8 @@ Word refuse(const char *message)
 // What a scanf "%s" directive following `literal` would assign from word: leading white
 // space skipped, then the run of non-white-space characters. Measured rather than scanned
 // so that a value longer than its field is refused instead of overrunning it.
-std::optional<std::string_view> scan_text(std::string_view word, std::string_view literal)
-{
-    if (!word.starts_with(literal))
-        return std::nullopt;
+std::optional<std::string_view> scan_text(std::string_view word, std::string_view literal) {
+    if (!word.starts_with(literal)) return std::nullopt;
     word.remove_prefix(literal.size());
     auto is_space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
     std::size_t start = 0;
@@ -110,14 +107,12 @@ std::optional<std::string_view> scan_text(std::string_view word, std::string_vie
     std::size_t end = start;
     while (end < word.size() && !is_space(word[end]))
         ++end;
-    if (end == start)
-        return std::nullopt;
+    if (end == start) return std::nullopt;
     return word.substr(start, end - start);
 }
 
 // Copies value (shorter than size) into a text field of size bytes.
-void store_text(char *field, std::size_t size, std::string_view value)
-{
+void store_text(char *field, std::size_t size, std::string_view value) {
     QX_ASSERT("kiv", value.size() < size);
     std::memcpy(field, value.data(), value.size());
     field[value.size()] = '\0';
@@ -125,30 +120,24 @@ void store_text(char *field, std::size_t size, std::string_view value)
 
 template <std::size_t N>
 Word scan_path(std::string_view word, std::string_view literal, char (&field)[N],
-               const char *syntax_message, const char *too_long_message)
-{
+               const char *syntax_message, const char *too_long_message) {
     auto value = scan_text(word, literal);
-    if (!value)
-        return refuse(syntax_message);
-    if (value->size() >= N)
-        return refuse(too_long_message);
+    if (!value) return refuse(syntax_message);
+    if (value->size() >= N) return refuse(too_long_message);
     store_text(field, N, *value);
     return Word::Option;
 }
 
 // Like a scanf "%<width>s": the value is cut, never refused for its length.
 template <std::size_t N>
-bool scan_cut(std::string_view word, std::string_view literal, char (&field)[N])
-{
+bool scan_cut(std::string_view word, std::string_view literal, char (&field)[N]) {
     auto value = scan_text(word, literal);
-    if (!value)
-        return false;
+    if (!value) return false;
     store_text(field, N, value->substr(0, N - 1));
     return true;
 }
 
-Word scan_meta(kiv_options *o, const char *word)
-{
+Word scan_meta(kiv_options *o, const char *word) {
     int major = 0, minor = 0, build = 0;
     if (std::sscanf(word, "-meta=%i.%i.%i", &major, &minor, &build) == 3) {
         o->meta_major = major;
@@ -158,19 +147,16 @@ Word scan_meta(kiv_options *o, const char *word)
     }
     // The packed form: major in bits 31..24, minor in 23..16, build number in 15..0.
     unsigned packed = 0;
-    if (std::sscanf(word, "-meta=%X", &packed) != 1)
-        return refuse("-meta syntax failure.\n");
+    if (std::sscanf(word, "-meta=%X", &packed) != 1) return refuse("-meta syntax failure.\n");
     o->meta_major = static_cast<std::int32_t>((packed >> 24) & 0xffu);
     o->meta_minor = static_cast<std::int32_t>((packed >> 16) & 0xffu);
     o->meta_build = static_cast<std::int32_t>(packed & 0xffffu);
     return Word::Option;
 }
 
-Word scan_device(kiv_options *o, std::string_view word)
-{
+Word scan_device(kiv_options *o, std::string_view word) {
     auto value = scan_text(word, "-dev=");
-    if (!value)
-        return refuse("-dev syntax failure.\n");
+    if (!value) return refuse("-dev syntax failure.\n");
     char path[DEV_SCAN_WIDTH + 1];
     store_text(path, sizeof path, value->substr(0, DEV_SCAN_WIDTH));
     struct stat st;
@@ -184,8 +170,7 @@ Word scan_device(kiv_options *o, std::string_view word)
 }
 
 // Tests word against the option rules in their fixed order; the first match decides.
-Word parse_word(kiv_options *o, const char *word)
-{
+Word parse_word(kiv_options *o, const char *word) {
     std::string_view w(word);
     if (w == "-r") {
         o->r = 1;
@@ -207,8 +192,7 @@ Word parse_word(kiv_options *o, const char *word)
         o->force = 1;
         return Word::Option;
     }
-    if (w.starts_with("-meta="))
-        return scan_meta(o, word);
+    if (w.starts_with("-meta=")) return scan_meta(o, word);
     if (w.starts_with("-zunfsize")) {
         if (std::sscanf(word, "-zunfsize=%u", &o->zunfsize) != 1)
             return refuse("-zunfsize syntax failure.\n");
@@ -224,8 +208,7 @@ Word parse_word(kiv_options *o, const char *word)
     if (w.starts_with("-cfg"))
         return scan_path(w, "-cfg=", o->hostcfg, "-cfg syntax failure.\n",
                          "-cfg value too long.\n");
-    if (w.starts_with("-dev"))
-        return scan_device(o, w);
+    if (w.starts_with("-dev")) return scan_device(o, w);
     if (w.starts_with("-onlymeta")) {
         o->onlymeta = 1;
         return Word::Option;
@@ -254,15 +237,13 @@ Word parse_word(kiv_options *o, const char *word)
     }
     if (w.starts_with("-iptos")) {
         int tos = 0;
-        if (std::sscanf(word, "-iptos=%i", &tos) != 1)
-            return refuse("-iptos syntax failure.\n");
+        if (std::sscanf(word, "-iptos=%i", &tos) != 1) return refuse("-iptos syntax failure.\n");
         o->iptos = tos;
         o->iptos_set = 1;
         return Word::Option;
     }
     if (auto value = scan_text(w, "-plugin=")) {
-        if (value->size() >= sizeof o->plugin)
-            return refuse("-plugin value too long.\n");
+        if (value->size() >= sizeof o->plugin) return refuse("-plugin value too long.\n");
         store_text(o->plugin, sizeof o->plugin, *value);
         // This build loads no plug-ins through the command line.
         return refuse("plugin support not enabled.\n");
@@ -274,44 +255,38 @@ Word parse_word(kiv_options *o, const char *word)
         return scan_path(w, "-autosetfile=", o->autosetfile, "-autosetfile syntax failure.\n",
                          "-autosetfile value too long.\n");
     if (w.starts_with("-act"))
-        return scan_path(w, "-activesetfile=", o->activesetfile,
-                         "-activesetfile syntax failure.\n", "-activesetfile value too long.\n");
+        return scan_path(w, "-activesetfile=", o->activesetfile, "-activesetfile syntax failure.\n",
+                         "-activesetfile value too long.\n");
     return Word::Plain;
 }
 
 // Copies an environment value into its field. Returns 1, or 0 when it does not fit.
-template <std::size_t N> int copy_environment(const char *value, char (&field)[N], int *is_set)
-{
-    if (std::strlen(value) >= N)
-        return 0;
+template <std::size_t N> int copy_environment(const char *value, char (&field)[N], int *is_set) {
+    if (std::strlen(value) >= N) return 0;
     qx_strlcpy(field, value, N);
     // Set but empty still counts as set.
     *is_set = 1;
     return 1;
 }
 
-void apply_early_defaults(kiv_options *o)
-{
+void apply_early_defaults(kiv_options *o) {
     qx_strlcpy(o->lockfile, DEFAULT_LOCKFILE, sizeof o->lockfile);
     qx_strlcpy(o->autosetfile, DEFAULT_AUTOSETFILE, sizeof o->autosetfile);
     qx_strlcpy(o->activesetfile, DEFAULT_ACTIVESETFILE, sizeof o->activesetfile);
     o->zunfsize = KIV_DEFAULT_ZUNFSIZE;
 }
 
-void apply_late_defaults(kiv_options *o)
-{
+void apply_late_defaults(kiv_options *o) {
     // A hostconfig named on the command line has no backup unless one is named as well.
     if (o->hostcfg[0] == '\0') {
         qx_strlcpy(o->hostcfg, DEFAULT_HOSTCFG, sizeof o->hostcfg);
         if (o->hostcfg_backup[0] == '\0')
             qx_strlcpy(o->hostcfg_backup, DEFAULT_HOSTCFG_BACKUP, sizeof o->hostcfg_backup);
     }
-    if (o->device[0] == '\0')
-        qx_strlcpy(o->device, DEFAULT_DEVICE, sizeof o->device);
+    if (o->device[0] == '\0') qx_strlcpy(o->device, DEFAULT_DEVICE, sizeof o->device);
 }
 
-int run_help(kiv_options *)
-{
+int run_help(kiv_options *) {
     qx_printf("%s", kiv_usage_text);
     return 0;
 }
@@ -321,10 +296,18 @@ int run_help(kiv_options *)
 kivl_data entry_data;
 hostconfig entry_hostconfig;
 
-int run_initialize(kiv_options *o) { return kiv_initialize(o, &entry_data, &entry_hostconfig); }
-int run_info(kiv_options *o) { return kiv_info(o, &entry_data, &entry_hostconfig); }
-int run_mount(kiv_options *o) { return kiv_mount(o, &entry_data, &entry_hostconfig); }
-int run_partset(kiv_options *o) { return kiv_partset(o, &entry_data, &entry_hostconfig); }
+int run_initialize(kiv_options *o) {
+    return kiv_initialize(o, &entry_data, &entry_hostconfig);
+}
+int run_info(kiv_options *o) {
+    return kiv_info(o, &entry_data, &entry_hostconfig);
+}
+int run_mount(kiv_options *o) {
+    return kiv_mount(o, &entry_data, &entry_hostconfig);
+}
+int run_partset(kiv_options *o) {
+    return kiv_partset(o, &entry_data, &entry_hostconfig);
+}
 
 struct action_entry {
     const char *name;
@@ -333,18 +316,23 @@ struct action_entry {
 
 // Compared in this order, exactly and case-sensitively; the first match is called.
 constexpr action_entry ACTIONS[] = {
-    {"initialize", run_initialize}, {"install", kiv_install},
-    {"info", run_info},             {"getrh", kiv_getrh},
-    {"mount", run_mount},           {"partset", run_partset},
-    {"partinfo", kiv_partinfo},     {"activate", kiv_activate},
-    {"upgrade", kiv_upgrade},       {"verify", verify_sets},
-    {"getpartset", kiv_getpartset}, {"zunfinfo", kiv_zunfinfo},
+    {"initialize", run_initialize},
+    {"install", kiv_install},
+    {"info", run_info},
+    {"getrh", kiv_getrh},
+    {"mount", run_mount},
+    {"partset", run_partset},
+    {"partinfo", kiv_partinfo},
+    {"activate", kiv_activate},
+    {"upgrade", kiv_upgrade},
+    {"verify", verify_sets},
+    {"getpartset", kiv_getpartset},
+    {"zunfinfo", kiv_zunfinfo},
     {"help", run_help},
 };
 } // namespace
 
-int kiv_parse_command_line(kiv_options *options, int argc, char **argv)
-{
+int kiv_parse_command_line(kiv_options *options, int argc, char **argv) {
     QX_ASSERT("kiv", options != nullptr && argv != nullptr);
     if (argc < MIN_ARGC) {
         kiv_log(LOG_ERR, "Syntax error, argc(%i) < 2\n", argc);
@@ -368,8 +356,7 @@ int kiv_parse_command_line(kiv_options *options, int argc, char **argv)
 
     for (int i = 1; i < argc; ++i) {
         Word taken = parse_word(options, argv[i]);
-        if (taken == Word::Refused)
-            return KIV_EXIT_SYNTAX;
+        if (taken == Word::Refused) return KIV_EXIT_SYNTAX;
         if (taken == Word::Plain) {
             if (options->nargs >= MAX_WORDS) {
                 kiv_log(LOG_ERR, "Too many arguments.\n");
@@ -388,13 +375,11 @@ int kiv_parse_command_line(kiv_options *options, int argc, char **argv)
     return KIV_PARSE_CONTINUE;
 }
 
-void kiv_print_verbose_summary(const kiv_options *o)
-{
+void kiv_print_verbose_summary(const kiv_options *o) {
     std::printf("action: %s hostcfg: %s (backup: %s) device: %s -r: %i -dryrun: %i -v: %i "
                 "-f: %i -meta: %i.%i.%i -zunfsize=%u -rewrite=%i\n",
-                o->action, o->hostcfg, o->hostcfg_backup, o->device, o->r, o->dryrun,
-                o->verbose, o->force, o->meta_major, o->meta_minor, o->meta_build, o->zunfsize,
-                o->rewrite);
+                o->action, o->hostcfg, o->hostcfg_backup, o->device, o->r, o->dryrun, o->verbose,
+                o->force, o->meta_major, o->meta_minor, o->meta_build, o->zunfsize, o->rewrite);
     std::printf("-minver: %u.%u.%u -lockfile: %s -autosetfile: %s -activesetfile: %s\n",
                 o->minver_major, o->minver_minor, o->minver_build, o->lockfile, o->autosetfile,
                 o->activesetfile);
@@ -406,28 +391,22 @@ void kiv_print_verbose_summary(const kiv_options *o)
     std::fflush(stdout);
 }
 
-int kiv_dispatch(kiv_options *options)
-{
+int kiv_dispatch(kiv_options *options) {
     QX_ASSERT("kiv", options != nullptr && options->action != nullptr);
     std::string_view action(options->action);
     for (const action_entry &entry : ACTIONS)
-        if (action == entry.name)
-            return entry.run(options);
+        if (action == entry.name) return entry.run(options);
     kiv_log(LOG_ERR, "Unknown action\n");
     return 1;
 }
 
-int kiv_run(int argc, char **argv)
-{
+int kiv_run(int argc, char **argv) {
     kiv_options options;
     int result = kiv_parse_command_line(&options, argc, argv);
-    if (result != KIV_PARSE_CONTINUE)
-        return result;
-    if (options.verbose)
-        kiv_print_verbose_summary(&options);
+    if (result != KIV_PARSE_CONTINUE) return result;
+    if (options.verbose) kiv_print_verbose_summary(&options);
     // Taken only once the whole command line is accepted.
-    if (!kiv_lock(&options))
-        return KIV_EXIT_LOCK_FAILED;
+    if (!kiv_lock(&options)) return KIV_EXIT_LOCK_FAILED;
     result = kiv_dispatch(&options);
     kiv_unlock(&options);
     return result;

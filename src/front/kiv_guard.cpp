@@ -20,8 +20,7 @@ constexpr std::array<int, 6> CAUGHT_SIGNALS = {SIGHUP, SIGINT, SIGQUIT, SIGTERM,
 constexpr mode_t LOCK_FILE_MODE = 0600;
 } // namespace
 
-int kiv_catch_signal(int signal, const struct sigaction *action, sigset_t *unblock)
-{
+int kiv_catch_signal(int signal, const struct sigaction *action, sigset_t *unblock) {
     if (sigaction(signal, action, nullptr) != 0) {
         kiv_log(LOG_ERR, "Could not catch signal #%d\n", signal);
         return 0;
@@ -30,16 +29,14 @@ int kiv_catch_signal(int signal, const struct sigaction *action, sigset_t *unblo
     return 1;
 }
 
-void kiv_signal_handler(int signal)
-{
+void kiv_signal_handler(int signal) {
     const char *role = kiv_role == KIV_ROLE_PARENT  ? "parent"
                        : kiv_role == KIV_ROLE_CHILD ? "child"
                                                     : "yet unknown if child";
     kiv_log(LOG_INFO, "%s: Got signal #%i\n", role, signal);
 }
 
-int kiv_guard_signals()
-{
+int kiv_guard_signals() {
     sigset_t all;
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, nullptr);
@@ -53,17 +50,14 @@ int kiv_guard_signals()
     sigset_t unblock;
     sigemptyset(&unblock);
     for (int signal : CAUGHT_SIGNALS)
-        if (!kiv_catch_signal(signal, &action, &unblock))
-            return 0;
+        if (!kiv_catch_signal(signal, &action, &unblock)) return 0;
     // Everything else stays blocked for the whole run, in both processes.
     sigprocmask(SIG_UNBLOCK, &unblock, nullptr);
     return 1;
 }
 
-int kiv_exit_code_of(int status)
-{
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
+int kiv_exit_code_of(int status) {
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (!WIFSIGNALED(status)) {
         kiv_log_both(LOG_CRIT, "child terminated for some unknown reason\n");
         return KIV_EXIT_CHILD_UNKNOWN_END;
@@ -77,8 +71,7 @@ int kiv_exit_code_of(int status)
     return KIV_EXIT_SIGNAL_BASE;
 }
 
-int kiv_supervise()
-{
+int kiv_supervise() {
     int status = 0;
     if (::wait(&status) < 0) {
         kiv_log_both(LOG_CRIT, "wait() did not succeed\n");
@@ -87,8 +80,7 @@ int kiv_supervise()
     return kiv_exit_code_of(status);
 }
 
-int kiv_own_process_group()
-{
+int kiv_own_process_group() {
     // Signals that a terminal sends to its foreground group then reach the parent only.
     pid_t old_group = ::getpgrp();
     if (old_group < 0) {
@@ -106,8 +98,7 @@ int kiv_own_process_group()
     return 1;
 }
 
-int kiv_lock(const kiv_options *options)
-{
+int kiv_lock(const kiv_options *options) {
     Fd fd(::open(options->lockfile, O_RDONLY | O_CREAT | O_CLOEXEC, LOCK_FILE_MODE));
     if (!fd) {
         kiv_log(LOG_ERR, "Could not acquire kiv lock\n");
@@ -123,8 +114,7 @@ int kiv_lock(const kiv_options *options)
     return 1;
 }
 
-void kiv_unlock(const kiv_options *options)
-{
+void kiv_unlock(const kiv_options *options) {
     int unlocked = ::flock(kiv_lock_fd, LOCK_UN);
     int closed = ::close(kiv_lock_fd);
     kiv_lock_fd = -1;

@@ -6,11 +6,9 @@
 #include "front/kiv_guard.hpp"
 #include "front/kiv_log.hpp"
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     kiv_log_open();
-    if (!kiv_guard_signals())
-        return KIV_EXIT_SIGNAL_SETUP;
+    if (!kiv_guard_signals()) return KIV_EXIT_SIGNAL_SETUP;
 
     // Nothing buffered may reach the child, or it would be printed twice.
     std::fflush(nullptr);
@@ -25,7 +23,6 @@ int main(int argc, char **argv)
     }
 
     kiv_role = KIV_ROLE_CHILD;
-    if (!kiv_own_process_group())
-        return KIV_EXIT_NO_PROCESS_GROUP;
+    if (!kiv_own_process_group()) return KIV_EXIT_NO_PROCESS_GROUP;
     return kiv_run(argc, argv);
 }

@@ -9,8 +9,7 @@
 
 class FdCapture {
   public:
-    explicit FdCapture(int fd) : fd_(fd)
-    {
+    explicit FdCapture(int fd) : fd_(fd) {
         flush();
         char path[] = "/tmp/kiv_front_capture_XXXXXX";
         file_ = ::mkstemp(path);
@@ -18,18 +17,15 @@ class FdCapture {
         saved_ = ::dup(fd_);
         ::dup2(file_, fd_);
     }
-    ~FdCapture()
-    {
+    ~FdCapture() {
         restore();
-        if (file_ >= 0)
-            ::close(file_);
+        if (file_ >= 0) ::close(file_);
     }
     FdCapture(const FdCapture &) = delete;
     FdCapture &operator=(const FdCapture &) = delete;
 
     // Puts the descriptor back and returns everything written to it meanwhile.
-    std::string text()
-    {
+    std::string text() {
         restore();
         std::string out;
         char buf[4096];
@@ -42,10 +38,8 @@ class FdCapture {
 
   private:
     void flush() const { std::fflush(fd_ == 1 ? stdout : stderr); }
-    void restore()
-    {
-        if (saved_ < 0)
-            return;
+    void restore() {
+        if (saved_ < 0) return;
         flush();
         ::dup2(saved_, fd_);
         ::close(saved_);

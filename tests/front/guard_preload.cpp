@@ -32,25 +32,21 @@
 
 namespace {
 
-bool fault_is(const char *name)
-{
+bool fault_is(const char *name) {
     const char *fault = std::getenv("KIV_GUARD_FAULT");
     return fault && std::strcmp(fault, name) == 0;
 }
 
-template <typename Fn> Fn real(const char *name)
-{
+template <typename Fn> Fn real(const char *name) {
     return reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, name));
 }
 
-void unlink_file_of(int fd)
-{
+void unlink_file_of(int fd) {
     char link[64];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
     char path[4096];
     ssize_t n = ::readlink(link, path, sizeof path - 1);
-    if (n <= 0)
-        return;
+    if (n <= 0) return;
     path[n] = '\0';
     ::unlink(path);
 }
@@ -59,17 +55,12 @@ void unlink_file_of(int fd)
 
 extern "C" {
 
-int flock(int fd, int operation)
-{
+int flock(int fd, int operation) {
     int result = real<int (*)(int, int)>("flock")(fd, operation);
-    if (result != 0 || !(operation & LOCK_EX))
-        return result;
-    if (fault_is("abort"))
-        std::abort();
-    if (fault_is("kill"))
-        ::kill(::getpid(), SIGKILL);
-    if (fault_is("unlink"))
-        unlink_file_of(fd);
+    if (result != 0 || !(operation & LOCK_EX)) return result;
+    if (fault_is("abort")) std::abort();
+    if (fault_is("kill")) ::kill(::getpid(), SIGKILL);
+    if (fault_is("unlink")) unlink_file_of(fd);
     if (fault_is("signals")) {
         // A signal to oneself is handled before kill returns; the parent's arrives while
         // it waits, before the child can end.
@@ -81,35 +72,28 @@ int flock(int fd, int operation)
     return result;
 }
 
-pid_t fork()
-{
+pid_t fork() {
     if (fault_is("fork")) {
         errno = EAGAIN;
         return -1;
     }
-    if (fault_is("signals"))
-        ::kill(::getpid(), SIGHUP);
+    if (fault_is("signals")) ::kill(::getpid(), SIGHUP);
     return real<pid_t (*)()>("fork")();
 }
 
-pid_t wait(int *status)
-{
+pid_t wait(int *status) {
     pid_t pid = real<pid_t (*)(int *)>("wait")(status);
-    if (pid < 0)
-        return pid;
+    if (pid < 0) return pid;
     if (fault_is("wait")) {
         errno = ECHILD;
         return -1;
     }
-    if (fault_is("wait_stopped"))
-        *status = W_STOPCODE(SIGSTOP);
-    if (fault_is("wait_sig65"))
-        *status = W_EXITCODE(0, 65);
+    if (fault_is("wait_stopped")) *status = W_STOPCODE(SIGSTOP);
+    if (fault_is("wait_sig65")) *status = W_EXITCODE(0, 65);
     return pid;
 }
 
-pid_t getpgrp()
-{
+pid_t getpgrp() {
     if (fault_is("getpgrp")) {
         errno = EPERM;
         return -1;
@@ -117,19 +101,16 @@ pid_t getpgrp()
     return real<pid_t (*)()>("getpgrp")();
 }
 
-int setpgid(pid_t pid, pid_t pgid)
-{
+int setpgid(pid_t pid, pid_t pgid) {
     if (fault_is("setpgid")) {
         errno = EPERM;
         return -1;
     }
-    if (fault_is("same_group"))
-        return 0;
+    if (fault_is("same_group")) return 0;
     return real<int (*)(pid_t, pid_t)>("setpgid")(pid, pgid);
 }
 
-int sigaction(int signum, const struct sigaction *action, struct sigaction *old)
-{
+int sigaction(int signum, const struct sigaction *action, struct sigaction *old) {
     if (signum == SIGUSR1 && action && fault_is("sigaction")) {
         errno = EINVAL;
         return -1;
@@ -140,8 +121,7 @@ int sigaction(int signum, const struct sigaction *action, struct sigaction *old)
 
 // The optional install hook, found by the dynamic loader like a plug-in's. It is present in
 // every preloaded run; only the fault makes it refuse.
-int kiv_install_hook_hcfg_fail(void *context, void *hostconfig, int rebuild_result)
-{
+int kiv_install_hook_hcfg_fail(void *context, void *hostconfig, int rebuild_result) {
     (void)context;
     (void)hostconfig;
     (void)rebuild_result;

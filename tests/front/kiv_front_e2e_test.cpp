@@ -79,13 +79,11 @@ FSTYPE:
 
 constexpr int FACILITY_USER = LOG_USER >> 3;
 
-SyslogLine logged(int severity, std::string text)
-{
+SyslogLine logged(int severity, std::string text) {
     return SyslogLine{FACILITY_USER, severity, "KIV", std::move(text)};
 }
 
-std::vector<SyslogLine> sorted(std::vector<SyslogLine> lines)
-{
+std::vector<SyslogLine> sorted(std::vector<SyslogLine> lines) {
     std::sort(lines.begin(), lines.end(), [](const SyslogLine &a, const SyslogLine &b) {
         return std::tie(a.severity, a.text) < std::tie(b.severity, b.text);
     });
@@ -94,8 +92,7 @@ std::vector<SyslogLine> sorted(std::vector<SyslogLine> lines)
 
 // The lines of a text, each with its newline, in sorted order: the parent and the child
 // write to one standard error, and their order is not fixed.
-std::vector<std::string> sorted_lines(const std::string &text)
-{
+std::vector<std::string> sorted_lines(const std::string &text) {
     std::vector<std::string> lines;
     std::size_t start = 0;
     while (start < text.size()) {
@@ -108,20 +105,19 @@ std::vector<std::string> sorted_lines(const std::string &text)
     return lines;
 }
 
-bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
+bool exists(const std::string &path) {
+    return ::access(path.c_str(), F_OK) == 0;
+}
 
 // Holds the lock another run would hold, for as long as it lives.
 class LockHolder {
   public:
     explicit LockHolder(const std::string &path)
-        : fd_(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600))
-    {
+        : fd_(::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600)) {
         locked_ = fd_ >= 0 && ::flock(fd_, LOCK_EX | LOCK_NB) == 0;
     }
-    ~LockHolder()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
+    ~LockHolder() {
+        if (fd_ >= 0) ::close(fd_);
     }
     LockHolder(const LockHolder &) = delete;
     LockHolder &operator=(const LockHolder &) = delete;
@@ -132,8 +128,7 @@ class LockHolder {
     bool locked_ = false;
 };
 
-TEST(KivFrontE2e, HelpPrintsTheUsage)
-{
+TEST(KivFrontE2e, HelpPrintsTheUsage) {
     Device dev;
     SandboxResult r = dev.run_kiv({"help"});
     EXPECT_EQ(r.exit, 0) << r.describe();
@@ -142,8 +137,7 @@ TEST(KivFrontE2e, HelpPrintsTheUsage)
     EXPECT_TRUE(r.syslog.empty()) << r.describe();
 }
 
-TEST(KivFrontE2e, NoWordAtAllIsASyntaxErrorWithTheUsage)
-{
+TEST(KivFrontE2e, NoWordAtAllIsASyntaxErrorWithTheUsage) {
     Device dev;
     SandboxResult r = dev.run_kiv({});
     EXPECT_EQ(r.exit, 1) << r.describe();
@@ -154,8 +148,7 @@ TEST(KivFrontE2e, NoWordAtAllIsASyntaxErrorWithTheUsage)
 
 // Every refused command line ends with 1 before the lock: the lock is held by the test
 // throughout, so a run that got as far as the lock would say so instead.
-TEST(KivFrontE2e, RefusedCommandLines)
-{
+TEST(KivFrontE2e, RefusedCommandLines) {
     Device dev;
     const std::string lock = dev.scratch_path("kiv.lock");
     LockHolder holder(lock);
@@ -204,8 +197,7 @@ TEST(KivFrontE2e, RefusedCommandLines)
     }
 }
 
-TEST(KivFrontE2e, ActionWordsAreExact)
-{
+TEST(KivFrontE2e, ActionWordsAreExact) {
     Device dev;
     for (const char *word : {"Help", "HELP", "help2", "-help"}) {
         SCOPED_TRACE(word);
@@ -217,8 +209,7 @@ TEST(KivFrontE2e, ActionWordsAreExact)
     }
 }
 
-TEST(KivFrontE2e, OptionsMayStandAnywhere)
-{
+TEST(KivFrontE2e, OptionsMayStandAnywhere) {
     Device dev;
     SandboxResult before = dev.run_kiv({"-v", "-dryrun", "info"});
     SandboxResult after = dev.run_kiv({"info", "-dryrun", "-v"});
@@ -231,13 +222,12 @@ TEST(KivFrontE2e, OptionsMayStandAnywhere)
     EXPECT_NE(before.out.find("-dryrun: 1 -v: 1 "), std::string::npos) << before.describe();
 }
 
-TEST(KivFrontE2e, VerboseSummary)
-{
+TEST(KivFrontE2e, VerboseSummary) {
     Device dev;
-    SandboxResult r = dev.run_kiv(
-        {"-v", "-r", "-f", "-meta=0x01020003", "-zunfsize=4096", "-rewrite", "-cfg=/tmp/h.img",
-         "help", "-minver=1.2.3", "-lockfile=/tmp/x.lock", "-autosetfile=/tmp/a", "extra",
-         "-activesetfile=/tmp/b", "-refs=1,2", "-1"});
+    SandboxResult r =
+        dev.run_kiv({"-v", "-r", "-f", "-meta=0x01020003", "-zunfsize=4096", "-rewrite",
+                     "-cfg=/tmp/h.img", "help", "-minver=1.2.3", "-lockfile=/tmp/x.lock",
+                     "-autosetfile=/tmp/a", "extra", "-activesetfile=/tmp/b", "-refs=1,2", "-1"});
     EXPECT_EQ(r.exit, 0) << r.describe();
     EXPECT_EQ(r.out, "action: help hostcfg: /tmp/h.img (backup: ) device: /dev/mtd%i -r: 1 "
                      "-dryrun: 0 -v: 1 -f: 1 -meta: 1.2.3 -zunfsize=4096 -rewrite=1\n"
@@ -254,8 +244,7 @@ TEST(KivFrontE2e, VerboseSummary)
     EXPECT_NE(plain.out.find("\nother: \n"), std::string::npos) << plain.describe();
 }
 
-TEST(KivFrontE2e, EnvironmentLimits)
-{
+TEST(KivFrontE2e, EnvironmentLimits) {
     Device dev;
     struct Row {
         std::string env;
@@ -284,8 +273,7 @@ TEST(KivFrontE2e, EnvironmentLimits)
     }
 }
 
-TEST(KivFrontE2e, LockFileIsTakenAndRemoved)
-{
+TEST(KivFrontE2e, LockFileIsTakenAndRemoved) {
     Device dev;
     const std::string lock = dev.scratch_path("kiv.lock");
     {
@@ -310,30 +298,26 @@ TEST(KivFrontE2e, LockFileIsTakenAndRemoved)
     EXPECT_EQ(missing.out, "");
 }
 
-TEST(KivFrontE2e, DefaultLockFileIsInTmp)
-{
-    if (!exists("/usr/bin/flock"))
-        GTEST_SKIP() << "util-linux flock not installed";
+TEST(KivFrontE2e, DefaultLockFileIsInTmp) {
+    if (!exists("/usr/bin/flock")) GTEST_SKIP() << "util-linux flock not installed";
     Device dev;
     // Another holder of /tmp/kiv.lock on the device: kiv must give up at once.
-    SandboxResult busy = dev.run({"/usr/bin/flock", "-n", "/tmp/kiv.lock", kiv::test::kiv_bin(),
-                                  "help"});
+    SandboxResult busy =
+        dev.run({"/usr/bin/flock", "-n", "/tmp/kiv.lock", kiv::test::kiv_bin(), "help"});
     EXPECT_EQ(busy.exit, 1) << busy.describe();
     EXPECT_EQ(busy.err, "Could not acquire kiv lock\n");
     EXPECT_EQ(busy.out, "");
 
-    SandboxResult cleaned =
-        dev.run({"/bin/sh", "-c",
-                 kiv::test::kiv_bin() + " help >/dev/null; echo $?; ls /tmp/kiv.lock"});
+    SandboxResult cleaned = dev.run(
+        {"/bin/sh", "-c", kiv::test::kiv_bin() + " help >/dev/null; echo $?; ls /tmp/kiv.lock"});
     EXPECT_EQ(cleaned.out, "0\n") << cleaned.describe();
     EXPECT_NE(cleaned.err.find("No such file"), std::string::npos) << cleaned.describe();
 }
 
 // Runs kiv on the device with the fault-injecting library preloaded into kiv only (not into
 // the simulator, which forks and waits itself).
-SandboxResult run_with_fault(Device &dev, const std::string &fault,
-                             std::vector<std::string> args, RunOptions options = {})
-{
+SandboxResult run_with_fault(Device &dev, const std::string &fault, std::vector<std::string> args,
+                             RunOptions options = {}) {
     std::vector<std::string> argv = {"/usr/bin/env", std::string("LD_PRELOAD=") + KIV_GUARD_PRELOAD,
                                      "KIV_GUARD_FAULT=" + fault, kiv::test::kiv_bin()};
     argv.insert(argv.end(), args.begin(), args.end());
@@ -342,8 +326,7 @@ SandboxResult run_with_fault(Device &dev, const std::string &fault,
     return dev.run(argv, options);
 }
 
-TEST(KivFrontE2e, ProcessGuard)
-{
+TEST(KivFrontE2e, ProcessGuard) {
     struct Row {
         const char *fault;
         int exit;
@@ -365,9 +348,15 @@ TEST(KivFrontE2e, ProcessGuard)
         {"unlink", 0, {logged(LOG_ERR, "WARNING: kiv_unlock failed\n")}, true, false},
         {"fork", 1, {logged(LOG_ERR, "Fork failed\n")}, false, false},
         {"wait", 12, {logged(LOG_CRIT, "wait() did not succeed\n")}, true, false},
-        {"wait_stopped", 13, {logged(LOG_CRIT, "child terminated for some unknown reason\n")},
-         true, false},
-        {"wait_sig65", 63, {logged(LOG_CRIT, "child terminated by unknown signal #65\n")}, true,
+        {"wait_stopped",
+         13,
+         {logged(LOG_CRIT, "child terminated for some unknown reason\n")},
+         true,
+         false},
+        {"wait_sig65",
+         63,
+         {logged(LOG_CRIT, "child terminated by unknown signal #65\n")},
+         true,
          false},
         {"getpgrp", 3, {logged(LOG_ERR, "getpgrp() failed\n")}, false, false},
         {"setpgid", 3, {logged(LOG_ERR, "setpgid() failed\n")}, false, false},
@@ -391,22 +380,19 @@ TEST(KivFrontE2e, ProcessGuard)
     }
 }
 
-TEST(KivFrontE2e, ActionResultMinusOneBecomes255)
-{
+TEST(KivFrontE2e, ActionResultMinusOneBecomes255) {
     // The only road to -1: the install hook after a failed hostconfig load (the flash of a
     // fresh device holds none) refuses with -1, and install passes that on.
     Device dev;
     SandboxResult r = run_with_fault(dev, "install_hook", {"install", "/tmp/none.zunf", "1"});
-    if (r.err == "Unknown action\n")
-        GTEST_SKIP() << "install is not part of this build yet";
+    if (r.err == "Unknown action\n") GTEST_SKIP() << "install is not part of this build yet";
     EXPECT_EQ(r.exit, 255) << r.describe();
     EXPECT_NE(r.err.find("kiv_install_hook_hcfg_fail returned non success (-1)\n"),
               std::string::npos)
         << r.describe();
 }
 
-TEST(KivFrontE2e, TerminalKeepsCommandErrorsOutOfTheSystemLog)
-{
+TEST(KivFrontE2e, TerminalKeepsCommandErrorsOutOfTheSystemLog) {
     Device dev;
     RunOptions tty;
     tty.stdout_tty = true;

@@ -19,8 +19,7 @@
 
 namespace {
 
-TEST(KivGuard, ChildEndBecomesTheExitCode)
-{
+TEST(KivGuard, ChildEndBecomesTheExitCode) {
     struct Row {
         const char *name;
         int status;
@@ -51,8 +50,7 @@ TEST(KivGuard, ChildEndBecomesTheExitCode)
     }
 }
 
-TEST(KivGuard, SignalNoteNamesTheRole)
-{
+TEST(KivGuard, SignalNoteNamesTheRole) {
     struct Row {
         int role;
         int signal;
@@ -74,8 +72,7 @@ TEST(KivGuard, SignalNoteNamesTheRole)
     kiv_role = KIV_ROLE_UNKNOWN;
 }
 
-TEST(KivGuard, CatchSignalAddsToTheUnblockSetOnlyOnSuccess)
-{
+TEST(KivGuard, CatchSignalAddsToTheUnblockSetOnlyOnSuccess) {
     struct sigaction action = {};
     action.sa_handler = SIG_IGN;
     struct sigaction saved = {};
@@ -99,22 +96,17 @@ TEST(KivGuard, CatchSignalAddsToTheUnblockSetOnlyOnSuccess)
 
 // Runs body in a forked child (it changes process-wide state) and returns its exit status:
 // 0 when every check held, else the number of the failed check.
-int in_child(int (*body)())
-{
+int in_child(int (*body)()) {
     std::fflush(nullptr);
     pid_t pid = ::fork();
-    if (pid == 0)
-        ::_exit(body());
+    if (pid == 0) ::_exit(body());
     int status = 0;
-    if (pid < 0 || ::waitpid(pid, &status, 0) != pid)
-        return -1;
+    if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + status;
 }
 
-int signal_setup_checks()
-{
-    if (kiv_guard_signals() != 1)
-        return 1;
+int signal_setup_checks() {
+    if (kiv_guard_signals() != 1) return 1;
     sigset_t mask;
     sigprocmask(SIG_BLOCK, nullptr, &mask);
     for (int sig = 1; sig <= 64; ++sig) {
@@ -122,16 +114,14 @@ int signal_setup_checks()
                       sig == SIGUSR1 || sig == SIGUSR2;
         // Never blockable, or reserved by the C library for its threads.
         bool unblockable = sig == SIGKILL || sig == SIGSTOP || sig == 32 || sig == 33;
-        if (!unblockable && sigismember(&mask, sig) == caught)
-            return 10;
+        if (!unblockable && sigismember(&mask, sig) == caught) return 10;
         struct sigaction now = {};
         sigaction(sig, nullptr, &now);
         if (caught && (now.sa_handler != kiv_signal_handler || !(now.sa_flags & SA_RESTART)))
             return 11;
         if (caught) {
             for (int other = 1; other <= 64; ++other)
-                if (sigismember(&now.sa_mask, other) == 1)
-                    return 12;
+                if (sigismember(&now.sa_mask, other) == 1) return 12;
         }
     }
     // A caught signal is only noted: the process goes on.
@@ -143,35 +133,27 @@ int signal_setup_checks()
     return 0;
 }
 
-TEST(KivGuard, SignalSetUpBlocksAllButTheSixCaughtOnes)
-{
+TEST(KivGuard, SignalSetUpBlocksAllButTheSixCaughtOnes) {
     EXPECT_EQ(in_child(signal_setup_checks), 0);
 }
 
-int process_group_checks()
-{
-    if (kiv_own_process_group() != 1)
-        return 1;
-    if (::getpgrp() != ::getpid())
-        return 2;
+int process_group_checks() {
+    if (kiv_own_process_group() != 1) return 1;
+    if (::getpgrp() != ::getpid()) return 2;
     // Already the leader: a second attempt keeps the group and reports it.
     FdCapture err(2);
-    if (kiv_own_process_group() != 0)
-        return 3;
-    if (err.text() != "No new process group created?\n")
-        return 4;
+    if (kiv_own_process_group() != 0) return 3;
+    if (err.text() != "No new process group created?\n") return 4;
     return 0;
 }
 
-TEST(KivGuard, ChildLeadsItsOwnProcessGroup)
-{
+TEST(KivGuard, ChildLeadsItsOwnProcessGroup) {
     EXPECT_EQ(in_child(process_group_checks), 0);
 }
 
 class KivLock : public ::testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         char tmpl[] = "/tmp/kiv_lock_test_XXXXXX";
         ASSERT_NE(::mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
@@ -184,11 +166,9 @@ class KivLock : public ::testing::Test {
     std::string path() const { return dir_ + "/kiv.lock"; }
     bool exists() const { return ::access(path().c_str(), F_OK) == 0; }
     // Whether another open file description can take the lock now.
-    bool lock_is_free() const
-    {
+    bool lock_is_free() const {
         int fd = ::open(path().c_str(), O_RDONLY);
-        if (fd < 0)
-            return true;
+        if (fd < 0) return true;
         bool free = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
         ::close(fd);
         return free;
@@ -198,8 +178,7 @@ class KivLock : public ::testing::Test {
     kiv_options options_{};
 };
 
-TEST_F(KivLock, HeldFromLockToUnlockThenRemoved)
-{
+TEST_F(KivLock, HeldFromLockToUnlockThenRemoved) {
     FdCapture err(2);
     ASSERT_EQ(kiv_lock(&options_), 1);
     EXPECT_GE(kiv_lock_fd, 0);
@@ -215,8 +194,7 @@ TEST_F(KivLock, HeldFromLockToUnlockThenRemoved)
     EXPECT_EQ(err.text(), "");
 }
 
-TEST_F(KivLock, SecondLockerIsRefusedAtOnce)
-{
+TEST_F(KivLock, SecondLockerIsRefusedAtOnce) {
     int holder = ::open(path().c_str(), O_RDONLY | O_CREAT, 0600);
     ASSERT_GE(holder, 0);
     ASSERT_EQ(::flock(holder, LOCK_EX | LOCK_NB), 0);
@@ -230,8 +208,7 @@ TEST_F(KivLock, SecondLockerIsRefusedAtOnce)
     EXPECT_TRUE(exists()); // the holder's file is left alone
 }
 
-TEST_F(KivLock, ExistingFileKeepsItsContents)
-{
+TEST_F(KivLock, ExistingFileKeepsItsContents) {
     std::FILE *f = std::fopen(path().c_str(), "w");
     ASSERT_NE(f, nullptr);
     std::fputs("left by a killed run", f);
@@ -242,16 +219,14 @@ TEST_F(KivLock, ExistingFileKeepsItsContents)
     EXPECT_FALSE(exists());
 }
 
-TEST_F(KivLock, MissingDirectoryIsRefused)
-{
+TEST_F(KivLock, MissingDirectoryIsRefused) {
     qx_strlcpy(options_.lockfile, (dir_ + "/no/kiv.lock").c_str(), sizeof options_.lockfile);
     FdCapture err(2);
     EXPECT_EQ(kiv_lock(&options_), 0);
     EXPECT_EQ(err.text(), "Could not acquire kiv lock\n");
 }
 
-TEST_F(KivLock, FileRemovedDuringTheRunIsAWarning)
-{
+TEST_F(KivLock, FileRemovedDuringTheRunIsAWarning) {
     ASSERT_EQ(kiv_lock(&options_), 1);
     ASSERT_EQ(::unlink(path().c_str()), 0);
     FdCapture err(2);
@@ -260,8 +235,7 @@ TEST_F(KivLock, FileRemovedDuringTheRunIsAWarning)
     EXPECT_EQ(kiv_lock_fd, -1);
 }
 
-TEST_F(KivLock, FailedReleaseKeepsTheFile)
-{
+TEST_F(KivLock, FailedReleaseKeepsTheFile) {
     ASSERT_EQ(kiv_lock(&options_), 1);
     FdCapture err(2);
     ::close(kiv_lock_fd); // someone closed the descriptor behind the guard's back
