@@ -685,7 +685,10 @@ int main(int argc, char **argv) {
     wanted.erase(std::unique(wanted.begin(), wanted.end()), wanted.end());
     std::vector<KeepMount> keeps;
     for (const auto &w : wanted) {
-        if (!under(w, "/tmp") && !under(w, "/mnt"))
+        // /tmp and /mnt themselves are always fresh: keeping them would undo
+        // the point (and a recursive bind of /tmp would bring the new tmpfs
+        // along, hiding what it was meant to keep).
+        if ((!under(w, "/tmp") && !under(w, "/mnt")) || w == "/tmp" || w == "/mnt")
             continue;
         // A parent already bound brings everything below it along.
         bool covered = false;
