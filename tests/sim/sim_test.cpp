@@ -501,6 +501,17 @@ TEST(Sim, WorkingDirectoryAndKeptPathsAreReachable) {
     EXPECT_EQ(lines(r.out)[1], cwd) << r.describe();
 }
 
+TEST(Sim, RunningFromTmpItselfGivesTheFreshTmp) {
+    Device dev;
+    RunOptions o;
+    o.cwd = "/tmp";
+    auto r = dev.run({"/bin/sh", "-c", "pwd; touch here && echo ok; cat " + dev.dir() + "/cmdline"},
+                     o);
+    EXPECT_EQ(r.exit, 0) << r.describe();
+    EXPECT_EQ(r.out, "/tmp\nok\nconsole=ttyS0 KIVSET=SET1\n") << r.describe();
+    EXPECT_NE(access("/tmp/here", F_OK), 0);
+}
+
 TEST(Sim, HostcfgDefaultIsInstalled) {
     DeviceOptions d;
     d.hostcfg_default = "key=value\n";

@@ -579,6 +579,7 @@ SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
     po.input = std::move(options.input);
     po.env = std::move(options.env);
     po.stdout_tty = options.stdout_tty;
+    po.cwd = std::move(options.cwd);
     ProcessResult p = run_process(cmd, po);
 
     SandboxResult r;

@@ -93,6 +93,7 @@ struct RunOptions {
     std::string input;                          // standard input of the command
     std::vector<std::string> env;               // "NAME=VALUE" added to its environment
     std::vector<std::string> keep;              // more paths to keep reachable
+    std::string cwd;                            // working directory; empty: unchanged
     std::chrono::milliseconds timeout{30000};   // the sandbox's --timeout
     bool stdout_tty = false;                    // as in ProcessOptions
 };
