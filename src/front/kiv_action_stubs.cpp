@@ -20,4 +20,3 @@ int kiv_activate(kiv_options *) { return not_built(); }
 int kiv_upgrade(kiv_options *) { return not_built(); }
 int verify_sets(kiv_options *) { return not_built(); }
 int kiv_getpartset(kiv_options *) { return not_built(); }
-int kiv_zunfinfo(kiv_options *) { return not_built(); }
