@@ -31,6 +31,7 @@
 #include <pty.h>
 #include <sched.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
@@ -605,11 +606,24 @@ struct KeepMount {
 } // namespace
 
 int main(int argc, char **argv) {
+    // With a standard descriptor closed, the first descriptors opened here
+    // would take its place and COMMAND's output could end up in a log file.
+    for (int fd = 0; fd < 3; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd)
+            fail("cannot open /dev/null");
+    }
     Options o = parse_args(argc, argv);
 
     // ---------------------------------------------------------- RUNDIR
     mkdir_p(absolute(o.dir));
     const std::string rundir = real(o.dir);
+    // One run at a time per device: two simulators on the same images would
+    // interleave their operations.  Held until exit.
+    int lock_fd = open((rundir + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (lock_fd < 0)
+        fail_errno(rundir + "/.lock");
+    if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0)
+        fail(rundir + " is in use by another run");
     std::string layout_text, err;
     if (!o.layout_file.empty()) {
         if (!kiv::sim::read_file(o.layout_file, layout_text, err))
