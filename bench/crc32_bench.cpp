@@ -15,8 +15,7 @@ namespace {
 constexpr std::size_t SMALL = 4096;
 constexpr std::size_t LARGE = 16u << 20;
 
-const std::vector<std::uint8_t> &data()
-{
+const std::vector<std::uint8_t> &data() {
     static const std::vector<std::uint8_t> buf = [] {
         std::vector<std::uint8_t> b(LARGE);
         std::mt19937 rng(42);
@@ -27,8 +26,7 @@ const std::vector<std::uint8_t> &data()
     return buf;
 }
 
-void BM_crc32_calc(benchmark::State &state)
-{
+void BM_crc32_calc(benchmark::State &state) {
     const auto &buf = data();
     auto len = static_cast<std::uint32_t>(state.range(0));
     for (auto _ : state)
@@ -36,8 +34,7 @@ void BM_crc32_calc(benchmark::State &state)
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * len);
 }
 
-void BM_zlib_crc32(benchmark::State &state)
-{
+void BM_zlib_crc32(benchmark::State &state) {
     const auto &buf = data();
     auto len = static_cast<uInt>(state.range(0));
     for (auto _ : state)
@@ -45,8 +42,7 @@ void BM_zlib_crc32(benchmark::State &state)
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) * len);
 }
 
-void BM_crc32_calc_bytewise(benchmark::State &state)
-{
+void BM_crc32_calc_bytewise(benchmark::State &state) {
     const auto &buf = data();
     auto len = static_cast<std::uint32_t>(state.range(0));
     for (auto _ : state)
@@ -55,8 +51,7 @@ void BM_crc32_calc_bytewise(benchmark::State &state)
 }
 
 // A benchmark of a wrong function is worthless: refuse to run when the results differ.
-bool same_results()
-{
+bool same_results() {
     const auto &buf = data();
     for (std::size_t len : {SMALL, LARGE}) {
         auto ours = crc32_calc(0, buf.data(), static_cast<std::uint32_t>(len));
@@ -76,13 +71,10 @@ BENCHMARK(BM_crc32_calc)->Arg(SMALL)->Arg(LARGE);
 BENCHMARK(BM_zlib_crc32)->Arg(SMALL)->Arg(LARGE);
 BENCHMARK(BM_crc32_calc_bytewise)->Arg(SMALL)->Arg(LARGE);
 
-int main(int argc, char **argv)
-{
-    if (!same_results())
-        return 1;
+int main(int argc, char **argv) {
+    if (!same_results()) return 1;
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

@@ -15,8 +15,7 @@ using Bytes = std::vector<std::uint8_t>;
 using View = std::span<const std::uint8_t>;
 
 // Bit by bit, straight from the polynomial: slow and obviously right.
-inline std::uint32_t crc32(View b)
-{
+inline std::uint32_t crc32(View b) {
     std::uint32_t c = 0xFFFFFFFFu;
     for (std::uint8_t byte : b) {
         c ^= byte;
@@ -26,19 +25,17 @@ inline std::uint32_t crc32(View b)
     return ~c;
 }
 
-inline std::uint32_t u16(View b, std::size_t off)
-{
+inline std::uint32_t u16(View b, std::size_t off) {
     return static_cast<std::uint32_t>(b[off] | b[off + 1] << 8);
 }
 
-inline std::uint32_t u32(View b, std::size_t off)
-{
+inline std::uint32_t u32(View b, std::size_t off) {
     return static_cast<std::uint32_t>(b[off]) | static_cast<std::uint32_t>(b[off + 1]) << 8 |
-           static_cast<std::uint32_t>(b[off + 2]) << 16 | static_cast<std::uint32_t>(b[off + 3]) << 24;
+           static_cast<std::uint32_t>(b[off + 2]) << 16 |
+           static_cast<std::uint32_t>(b[off + 3]) << 24;
 }
 
-inline std::string text(View b, std::size_t off, std::size_t width)
-{
+inline std::string text(View b, std::size_t off, std::size_t width) {
     std::string s;
     for (std::size_t i = 0; i < width && b[off + i] != 0; ++i)
         s.push_back(static_cast<char>(b[off + i]));
@@ -52,17 +49,17 @@ struct Part {
     std::uint32_t hdr_length = 0;
     std::uint32_t body_length = 0;
     std::string name;
-    Bytes name_field;          // all 16 bytes
+    Bytes name_field; // all 16 bytes
     std::uint32_t body_crc = 0;
-    Bytes type_header;         // bytes 32 .. hdr_length-1
+    Bytes type_header; // bytes 32 .. hdr_length-1
     Bytes body;
     Bytes padding;
-    bool hdr_crc_ok = false;   // CRC of bytes 4 .. hdr_length-1
+    bool hdr_crc_ok = false; // CRC of bytes 4 .. hdr_length-1
     bool body_crc_ok = false;
 };
 
 struct Image {
-    bool well_formed = false;  // parts lie inside the image and fill body_length exactly
+    bool well_formed = false; // parts lie inside the image and fill body_length exactly
     std::string magic;
     std::uint32_t hdr_crc = 0;
     std::uint32_t version = 0;
@@ -70,17 +67,15 @@ struct Image {
     std::uint32_t hdr_length = 0;
     std::uint32_t body_length = 0;
     std::uint32_t body_crc = 0;
-    bool hdr_crc_ok = false;   // CRC of image bytes 12 .. 23
-    bool body_crc_ok = false;  // CRC of image bytes 24 .. end
+    bool hdr_crc_ok = false;  // CRC of image bytes 12 .. 23
+    bool body_crc_ok = false; // CRC of image bytes 24 .. end
     std::vector<Part> parts;
 };
 
 // Reads an image laid out as written (16-byte header, parts from offset 24).
-inline Image read(View b)
-{
+inline Image read(View b) {
     Image img;
-    if (b.size() < 24)
-        return img;
+    if (b.size() < 24) return img;
     img.magic.assign(b.begin(), b.begin() + 8);
     img.hdr_crc = u32(b, 8);
     img.version = b[12];
@@ -89,14 +84,12 @@ inline Image read(View b)
     img.body_length = u32(b, 16);
     img.body_crc = u32(b, 20);
     img.hdr_crc_ok = crc32(b.subspan(12, 12)) == img.hdr_crc;
-    if (24 + static_cast<std::size_t>(img.body_length) > b.size())
-        return img;
+    if (24 + static_cast<std::size_t>(img.body_length) > b.size()) return img;
     std::size_t end = 24 + img.body_length;
     img.body_crc_ok = crc32(b.subspan(24, img.body_length)) == img.body_crc;
     std::size_t off = 24;
     while (off < end) {
-        if (end - off < 32)
-            return img;
+        if (end - off < 32) return img;
         Part p;
         p.offset = off;
         p.hdr_crc = u32(b, off);
@@ -109,8 +102,7 @@ inline Image read(View b)
         p.body_crc = u32(b, off + 28);
         std::size_t used = static_cast<std::size_t>(p.hdr_length) + p.body_length;
         std::size_t padded = (used + 3) & ~std::size_t{3};
-        if (p.hdr_length < 32 || padded > end - off)
-            return img;
+        if (p.hdr_length < 32 || padded > end - off) return img;
         auto at = [&](std::size_t o) { return b.begin() + static_cast<std::ptrdiff_t>(off + o); };
         p.type_header.assign(at(32), at(p.hdr_length));
         p.body.assign(at(p.hdr_length), at(used));

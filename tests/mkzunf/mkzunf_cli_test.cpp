@@ -33,12 +33,10 @@ struct Result {
 
 // Runs mkzunf with args. The child arms an alarm before exec, so a hung tool is killed
 // by SIGALRM instead of hanging the test.
-Result run(const std::vector<std::string> &args)
-{
+Result run(const std::vector<std::string> &args) {
     int out_pipe[2];
     int err_pipe[2];
-    if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0)
-        return {};
+    if (pipe(out_pipe) != 0 || pipe(err_pipe) != 0) return {};
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out_pipe[1], 1);
@@ -66,13 +64,11 @@ Result run(const std::vector<std::string> &args)
     int open_fds = 2;
     while (open_fds > 0) {
         if (poll(fds, 2, -1) < 0) {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             break;
         }
         for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR)))
-                continue;
+            if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
             char buf[4096];
             ssize_t n = read(fds[i].fd, buf, sizeof buf);
             if (n > 0) {
@@ -92,20 +88,17 @@ Result run(const std::vector<std::string> &args)
 
 class TempDir {
   public:
-    TempDir()
-    {
+    TempDir() {
         char tmpl[] = "/tmp/mkzunf_test_XXXXXX";
         path_ = mkdtemp(tmpl);
     }
     ~TempDir() { fs::remove_all(path_); }
     std::string operator/(const std::string &name) const { return (path_ / name).string(); }
 
-    void write(const std::string &name, const std::string &text) const
-    {
+    void write(const std::string &name, const std::string &text) const {
         std::ofstream(path_ / name, std::ios::binary) << text;
     }
-    Bytes read(const std::string &name) const
-    {
+    Bytes read(const std::string &name) const {
         std::ifstream f(path_ / name, std::ios::binary);
         return Bytes(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
     }
@@ -127,8 +120,7 @@ const std::string MANIFEST =
 
 const std::string ROOTFS = "rootfs-content-13";
 
-ImageBuilder expected_release()
-{
+ImageBuilder expected_release() {
     ImageBuilder b;
     b.add_release_header({2, 1, 7}, 1714564800, "REL-2.1.7",
                          "Release 2.1.7\nBuilt by CI\nproducts=m1,m2\n")
@@ -138,8 +130,7 @@ ImageBuilder expected_release()
     return b;
 }
 
-TEST(MkzunfCli, ManifestGivesTheLibrarysImage)
-{
+TEST(MkzunfCli, ManifestGivesTheLibrarysImage) {
     TempDir dir;
     dir.write("release.manifest", MANIFEST);
     dir.write("rootfs.bin", ROOTFS);
@@ -158,8 +149,7 @@ TEST(MkzunfCli, ManifestGivesTheLibrarysImage)
     EXPECT_EQ(std::string(d.parts[2].body.begin(), d.parts[2].body.end()), ROOTFS);
 }
 
-TEST(MkzunfCli, CommandLineDirectivesEqualTheManifest)
-{
+TEST(MkzunfCli, CommandLineDirectivesEqualTheManifest) {
     TempDir dir;
     dir.write("rootfs.bin", ROOTFS);
     std::string rootfs = dir / "rootfs.bin";
@@ -174,8 +164,7 @@ TEST(MkzunfCli, CommandLineDirectivesEqualTheManifest)
     EXPECT_EQ(dir.read("out.zunf"), expected_release().build());
 }
 
-TEST(MkzunfCli, VerboseListsThePartsOnStandardError)
-{
+TEST(MkzunfCli, VerboseListsThePartsOnStandardError) {
     TempDir dir;
     Result r = run({"image", "-v", "-o", "-", "-e", "data name=a text=xyz"});
     ASSERT_EQ(r.exit, 0) << r.err;
@@ -187,8 +176,7 @@ TEST(MkzunfCli, VerboseListsThePartsOnStandardError)
                      "part 0: offset 24 type 3 hdr_length 32 body_length 3 name \"a\"\n");
 }
 
-TEST(MkzunfCli, EachFaultOptionMatchesTheLibraryFault)
-{
+TEST(MkzunfCli, EachFaultOptionMatchesTheLibraryFault) {
     struct Case {
         std::vector<std::string> option;
         std::function<void(ImageBuilder &)> fault;
@@ -200,15 +188,24 @@ TEST(MkzunfCli, EachFaultOptionMatchesTheLibraryFault)
         {{"--bad-part-body-crc", "2"}, [](ImageBuilder &b) { b.fault_part_body_crc(2); }, 1, 1},
         {{"--part-hdr-length=3:31"}, [](ImageBuilder &b) { b.fault_part_hdr_length(3, 31); }, 1, 1},
         {{"--bad-hdr-crc"}, [](ImageBuilder &b) { b.fault_image_hdr_crc(); }, ZUNF_ERR_HDR_CRC, 1},
-        {{"--bad-body-crc"}, [](ImageBuilder &b) { b.fault_image_body_crc(); }, 1, ZUNF_ERR_BODY_CRC},
+        {{"--bad-body-crc"},
+         [](ImageBuilder &b) { b.fault_image_body_crc(); },
+         1,
+         ZUNF_ERR_BODY_CRC},
         {{"--bad-magic=1"}, [](ImageBuilder &b) { b.fault_bad_magic(1); }, 1, 1},
         {{"--bad-magic=2"}, [](ImageBuilder &b) { b.fault_bad_magic(2); }, 1, 1},
         {{"--set-version=2"}, [](ImageBuilder &b) { b.fault_version(2); }, ZUNF_ERR_VERSION, 1},
-        {{"--image-hdr-length=15"}, [](ImageBuilder &b) { b.fault_image_hdr_length(15); },
-         ZUNF_ERR_HDR_LENGTH, 1},
+        {{"--image-hdr-length=15"},
+         [](ImageBuilder &b) { b.fault_image_hdr_length(15); },
+         ZUNF_ERR_HDR_LENGTH,
+         1},
         {{"--truncate=100"}, [](ImageBuilder &b) { b.fault_truncate(100); }, 1, 0},
         {{"--append=deadbeef"},
-         [](ImageBuilder &b) { b.fault_append(Bytes{0xDE, 0xAD, 0xBE, 0xEF}); }, 1, 1},
+         [](ImageBuilder &b) {
+             b.fault_append(Bytes{0xDE, 0xAD, 0xBE, 0xEF});
+         },
+         1,
+         1},
     };
     TempDir dir;
     dir.write("release.manifest", MANIFEST);
@@ -232,8 +229,7 @@ TEST(MkzunfCli, EachFaultOptionMatchesTheLibraryFault)
     }
 }
 
-TEST(MkzunfCli, HostconfigCommandWritesDataParts)
-{
+TEST(MkzunfCli, HostconfigCommandWritesDataParts) {
     TempDir dir;
     dir.write("kiv.bin", std::string(2964, 'k'));
     dir.write("hc.manifest", "data name=vendor text=abcde\n");
@@ -243,8 +239,8 @@ TEST(MkzunfCli, HostconfigCommandWritesDataParts)
     Bytes img = dir.read("hc.bin");
     ASSERT_EQ(img.size(), 5120u);
     // Manifest directives come first, then --data parts.
-    Bytes expect = build_hostconfig({{"vendor", to_bytes("abcde")},
-                                     {"KIV data", Bytes(2964, 'k')}});
+    Bytes expect =
+        build_hostconfig({{"vendor", to_bytes("abcde")}, {"KIV data", Bytes(2964, 'k')}});
     EXPECT_TRUE(std::equal(expect.begin(), expect.end(), img.begin()));
     EXPECT_TRUE(std::all_of(img.begin() + static_cast<std::ptrdiff_t>(expect.size()), img.end(),
                             [](std::uint8_t b) { return b == 0xFF; }));
@@ -257,8 +253,7 @@ TEST(MkzunfCli, HostconfigCommandWritesDataParts)
     EXPECT_FALSE(dir.exists("x.bin"));
 }
 
-TEST(MkzunfCli, PartitionCommandLaysOutTheSoftwareBlock)
-{
+TEST(MkzunfCli, PartitionCommandLaysOutTheSoftwareBlock) {
     struct Case {
         std::vector<std::string> extra;
         int hdr;
@@ -272,9 +267,15 @@ TEST(MkzunfCli, PartitionCommandLaysOutTheSoftwareBlock)
     TempDir dir;
     for (const Case &c : cases) {
         SCOPED_TRACE(c.extra.empty() ? "clean" : c.extra.front());
-        std::vector<std::string> args = {"partition", "-o",        dir / "p.bin",
-                                         "--wts=3",   "--name",    "ROOT-SAFE",
-                                         "--version=1.2.3", "--build-id=bid", "--text=0123456789",
+        std::vector<std::string> args = {"partition",
+                                         "-o",
+                                         dir / "p.bin",
+                                         "--wts=3",
+                                         "--name",
+                                         "ROOT-SAFE",
+                                         "--version=1.2.3",
+                                         "--build-id=bid",
+                                         "--text=0123456789",
                                          "--pad=256"};
         args.insert(args.end(), c.extra.begin(), c.extra.end());
         Result r = run(args);
@@ -294,12 +295,10 @@ TEST(MkzunfCli, PartitionCommandLaysOutTheSoftwareBlock)
     Result r = run({"partition", "-o", dir / "p2.bin", "--wts", "2", "--name=KNL-SAFE",
                     "--version=1.0.0", "--size=5", "--fill=7"});
     ASSERT_EQ(r.exit, 0) << r.err;
-    EXPECT_EQ(dir.read("p2.bin"),
-              build_partition(2, "KNL-SAFE", {1, 0, 0}, "", Bytes(5, 7)));
+    EXPECT_EQ(dir.read("p2.bin"), build_partition(2, "KNL-SAFE", {1, 0, 0}, "", Bytes(5, 7)));
 }
 
-TEST(MkzunfCli, BadInputIsRefusedWithExit1AndNoOutput)
-{
+TEST(MkzunfCli, BadInputIsRefusedWithExit1AndNoOutput) {
     struct Case {
         std::vector<std::string> args;
         const char *message;
@@ -320,7 +319,8 @@ TEST(MkzunfCli, BadInputIsRefusedWithExit1AndNoOutput)
         {{"image", "-o", out, "-e", "data name=a text=x colour=red"}, "data: unknown key 'colour'"},
         {{"image", "-o", out, "-e", "data name=a text=x name=b"}, "key 'name' given twice"},
         {{"image", "-o", out, "-e", "data name=a"}, "give exactly one of file=, text=, size="},
-        {{"image", "-o", out, "-e", "data name=a file=/nonexistent/f"}, "cannot open /nonexistent/f"},
+        {{"image", "-o", out, "-e", "data name=a file=/nonexistent/f"},
+         "cannot open /nonexistent/f"},
         {{"image", "-o", out, "-e", "data name=a text=\"open"}, "unterminated quoted value"},
         {{"image", "-o", out, "-e", "data name"}, "expected key=value, got 'name'"},
         {{"image", "-o", out, "-e", "kivm line=a text=b"}, "kivm: give exactly one of"},
@@ -329,16 +329,18 @@ TEST(MkzunfCli, BadInputIsRefusedWithExit1AndNoOutput)
         {{"image", "-o", out, "-e", "software version=1.0.0 text=x"}, "software: missing name="},
         {{"image", "-o", out, "-e", "data name=a text=xyz", "--pad=10"},
          "output of 60 bytes does not fit --pad=10"},
-        {{"image", "-o", out, "-e", "data name=a text=x", "--bad-magic=3"}, "invalid magic half '3'"},
-        {{"image", "-o", out, "-e", "data name=a text=x", "--append=abc"}, "odd number of hex digits"},
-        {{"image", "-o", out, "-e", "data name=a text=x", "--wts=1"}, "unexpected argument '--wts=1'"},
+        {{"image", "-o", out, "-e", "data name=a text=x", "--bad-magic=3"},
+         "invalid magic half '3'"},
+        {{"image", "-o", out, "-e", "data name=a text=x", "--append=abc"},
+         "odd number of hex digits"},
+        {{"image", "-o", out, "-e", "data name=a text=x", "--wts=1"},
+         "unexpected argument '--wts=1'"},
         {{"partition", "-o", out, "--name=A", "--version=1.0.0", "--text=x"}, "missing --wts"},
         {{"partition", "-o", out, "--wts=4", "--name=A", "--version=1.0.0", "--text=x"},
          "invalid wts '4'"},
         {{"partition", "-o", out, "--wts=1", "--name=A", "--version=1.0.0"},
          "give exactly one of --file, --text, --size"},
-        {{"image", "-o", dir / "no/such/dir/out.bin", "-e", "data name=a text=x"},
-         "cannot open"},
+        {{"image", "-o", dir / "no/such/dir/out.bin", "-e", "data name=a text=x"}, "cannot open"},
     };
     for (const Case &c : cases) {
         std::string joined;
@@ -353,8 +355,7 @@ TEST(MkzunfCli, BadInputIsRefusedWithExit1AndNoOutput)
     }
 }
 
-TEST(MkzunfCli, HelpPrintsUsage)
-{
+TEST(MkzunfCli, HelpPrintsUsage) {
     Result r = run({"--help"});
     EXPECT_EQ(r.exit, 0);
     EXPECT_EQ(r.out.rfind("usage: mkzunf image", 0), 0u) << r.out;

@@ -18,8 +18,7 @@ const std::string RELEASE_TEXT = "Release 2.1.7\nproducts=m1,m2\n";
 const std::string KIVM_TEXT = "2,ROOT,0,/,squashfs,-,1.2.3,1\n3,APPL,0,/mnt/appl,jffs2,-,1.2.3,3\n";
 constexpr std::uint32_t RELEASE_DATE = 1714564800; // 2024-05-01T12:00:00Z
 
-Bytes content(std::size_t n, std::uint8_t seed)
-{
+Bytes content(std::size_t n, std::uint8_t seed) {
     Bytes b(n);
     for (std::size_t i = 0; i < n; ++i)
         b[i] = static_cast<std::uint8_t>(seed + i * 7);
@@ -28,8 +27,7 @@ Bytes content(std::size_t n, std::uint8_t seed)
 
 // Release header, metadata, two contents of odd lengths and one empty part, so that
 // every padding length 0..3 occurs somewhere.
-ImageBuilder release_image()
-{
+ImageBuilder release_image() {
     ImageBuilder b;
     b.add_release_header({2, 1, 7}, RELEASE_DATE, "REL-2.1.7", RELEASE_TEXT)
         .add_kivm(KIVM_TEXT)
@@ -39,19 +37,16 @@ ImageBuilder release_image()
     return b;
 }
 
-const zunf_image_header *image_header(const Bytes &img)
-{
+const zunf_image_header *image_header(const Bytes &img) {
     return reinterpret_cast<const zunf_image_header *>(img.data() + ZUNF_MAGIC_LEN);
 }
 
-const zunf_content_header *part_at(const Bytes &img, std::size_t off)
-{
+const zunf_content_header *part_at(const Bytes &img, std::size_t off) {
     return reinterpret_cast<const zunf_content_header *>(img.data() + off);
 }
 
 // The product's verdict on every part, walking the image as the hostconfig loader does.
-std::vector<int> product_part_results(const Bytes &img, const decode::Image &d)
-{
+std::vector<int> product_part_results(const Bytes &img, const decode::Image &d) {
     std::vector<int> r;
     for (const decode::Part &p : d.parts) {
         const zunf_content_header *h = part_at(img, p.offset);
@@ -60,13 +55,11 @@ std::vector<int> product_part_results(const Bytes &img, const decode::Image &d)
     return r;
 }
 
-std::string str(const Bytes &b)
-{
+std::string str(const Bytes &b) {
     return std::string(b.begin(), b.end());
 }
 
-TEST(ZunfBuilder, ReleaseImageLayoutReadsBackIndependently)
-{
+TEST(ZunfBuilder, ReleaseImageLayoutReadsBackIndependently) {
     Bytes img = release_image().build();
     decode::Image d = decode::read(img);
 
@@ -131,8 +124,7 @@ TEST(ZunfBuilder, ReleaseImageLayoutReadsBackIndependently)
     EXPECT_EQ(product_part_results(img, d), std::vector<int>(5, ZUNF_VALID));
 }
 
-TEST(ZunfBuilder, CrcsAreComputedInnermostFirst)
-{
+TEST(ZunfBuilder, CrcsAreComputedInnermostFirst) {
     Bytes img = release_image().build();
     decode::Image d = decode::read(img);
     ASSERT_TRUE(d.well_formed);
@@ -152,8 +144,7 @@ TEST(ZunfBuilder, CrcsAreComputedInnermostFirst)
     EXPECT_EQ(decode::crc32(std::span<const std::uint8_t>(img).subspan(12, 12)), d.hdr_crc);
 }
 
-TEST(ZunfBuilder, LongTextFieldsAreCutToTheirWidth)
-{
+TEST(ZunfBuilder, LongTextFieldsAreCutToTheirWidth) {
     ImageBuilder b;
     b.add_release_header({1, 0, 0}, 0, std::string(50, 'r'), "")
         .add_software("ABCDEFGHIJKLMNOPQRSTUVWXYZ", {1, 0, 0}, std::string(40, 's'), content(4, 0))
@@ -164,7 +155,8 @@ TEST(ZunfBuilder, LongTextFieldsAreCutToTheirWidth)
     ASSERT_EQ(d.parts.size(), 3u);
     EXPECT_EQ(decode::text(d.parts[0].type_header, 8, 36), std::string(35, 'r'));
     EXPECT_EQ(d.parts[0].type_header[8 + 35], 0);
-    EXPECT_EQ(str(d.parts[0].body), std::string(1, '\0')) << "an empty text is still NUL-terminated";
+    EXPECT_EQ(str(d.parts[0].body), std::string(1, '\0'))
+        << "an empty text is still NUL-terminated";
     EXPECT_EQ(d.parts[1].name, "ABCDEFGHIJKLMNO");
     EXPECT_EQ(d.parts[1].name_field[15], 0);
     EXPECT_EQ(decode::text(d.parts[1].type_header, 4, 28), std::string(27, 's'));
@@ -173,8 +165,7 @@ TEST(ZunfBuilder, LongTextFieldsAreCutToTheirWidth)
         EXPECT_TRUE(p.hdr_crc_ok && p.body_crc_ok) << p.name;
 }
 
-TEST(ZunfBuilder, RawPartKeepsTheGivenHeaderLength)
-{
+TEST(ZunfBuilder, RawPartKeepsTheGivenHeaderLength) {
     Bytes th = {1, 2, 3, 4, 5, 6, 7, 8};
     ImageBuilder b;
     b.add_raw_part(9, "vendor", 48, th, content(5, 3));
@@ -202,48 +193,59 @@ struct FaultCase {
     const char *name;
     std::function<void(ImageBuilder &)> apply;
     std::function<std::vector<Range>(const decode::Image &clean)> may_differ;
-    int header;                  // zunf_validate_header
-    int body;                    // zunf_validate_body
-    std::vector<int> parts;      // zunf_validate_content_part per part
+    int header;             // zunf_validate_header
+    int body;               // zunf_validate_body
+    std::vector<int> parts; // zunf_validate_content_part per part
 };
 
 constexpr std::size_t IMG_HDR_CRC = 8;
 constexpr std::size_t IMG_BODY_CRC = 20;
 
-std::vector<Range> outer_crcs(std::vector<Range> r)
-{
+std::vector<Range> outer_crcs(std::vector<Range> r) {
     r.push_back({IMG_HDR_CRC, IMG_HDR_CRC + 4});
     r.push_back({IMG_BODY_CRC, IMG_BODY_CRC + 4});
     return r;
 }
 
-std::vector<int> valid_except(std::size_t index, int code)
-{
+std::vector<int> valid_except(std::size_t index, int code) {
     std::vector<int> r(5, ZUNF_VALID);
     r[index] = code;
     return r;
 }
 
-TEST(ZunfBuilder, EachFaultIsTheOnlyDefect)
-{
+TEST(ZunfBuilder, EachFaultIsTheOnlyDefect) {
     const std::vector<int> all_valid(5, ZUNF_VALID);
     const std::vector<FaultCase> cases = {
         {"first magic half", [](ImageBuilder &b) { b.fault_bad_magic(1); },
-         [](const decode::Image &) { return std::vector<Range>{{0, 4}}; }, 1, 1, all_valid},
+         [](const decode::Image &) {
+             return std::vector<Range>{{0, 4}};
+         },
+         1, 1, all_valid},
         {"second magic half", [](ImageBuilder &b) { b.fault_bad_magic(2); },
-         [](const decode::Image &) { return std::vector<Range>{{4, 8}}; }, 1, 1, all_valid},
+         [](const decode::Image &) {
+             return std::vector<Range>{{4, 8}};
+         },
+         1, 1, all_valid},
         {"version 2", [](ImageBuilder &b) { b.fault_version(2); },
-         [](const decode::Image &) { return std::vector<Range>{{12, 13}, {8, 12}}; },
+         [](const decode::Image &) {
+             return std::vector<Range>{{12, 13}, {8, 12}};
+         },
          ZUNF_ERR_VERSION, 1, all_valid},
         {"image hdr_length 15", [](ImageBuilder &b) { b.fault_image_hdr_length(15); },
-         [](const decode::Image &) { return std::vector<Range>{{14, 16}, {8, 12}}; },
+         [](const decode::Image &) {
+             return std::vector<Range>{{14, 16}, {8, 12}};
+         },
          ZUNF_ERR_HDR_LENGTH, 1, all_valid},
         {"image hdr_crc", [](ImageBuilder &b) { b.fault_image_hdr_crc(); },
-         [](const decode::Image &) { return std::vector<Range>{{8, 12}}; }, ZUNF_ERR_HDR_CRC, 1,
-         all_valid},
+         [](const decode::Image &) {
+             return std::vector<Range>{{8, 12}};
+         },
+         ZUNF_ERR_HDR_CRC, 1, all_valid},
         {"image body_crc", [](ImageBuilder &b) { b.fault_image_body_crc(); },
-         [](const decode::Image &) { return std::vector<Range>{{20, 24}, {8, 12}}; }, 1,
-         ZUNF_ERR_BODY_CRC, all_valid},
+         [](const decode::Image &) {
+             return std::vector<Range>{{20, 24}, {8, 12}};
+         },
+         1, ZUNF_ERR_BODY_CRC, all_valid},
         {"part 1 hdr_crc", [](ImageBuilder &b) { b.fault_part_hdr_crc(1); },
          [](const decode::Image &c) {
              return outer_crcs({{c.parts[1].offset, c.parts[1].offset + 4}});
@@ -308,8 +310,7 @@ TEST(ZunfBuilder, EachFaultIsTheOnlyDefect)
     }
 }
 
-TEST(ZunfBuilder, TruncateAndAppendWorkOnTheFinishedImage)
-{
+TEST(ZunfBuilder, TruncateAndAppendWorkOnTheFinishedImage) {
     const Bytes clean = release_image().build();
     Bytes cut = release_image().fault_truncate(100).build();
     EXPECT_EQ(cut, Bytes(clean.begin(), clean.begin() + 100));
@@ -324,8 +325,7 @@ TEST(ZunfBuilder, TruncateAndAppendWorkOnTheFinishedImage)
     EXPECT_EQ(tail, expect);
 }
 
-TEST(ZunfBuilder, HostconfigImageHoldsDataPartsOnly)
-{
+TEST(ZunfBuilder, HostconfigImageHoldsDataPartsOnly) {
     Bytes kiv(2964, 0x5A);
     Bytes img = build_hostconfig({{"KIV data", kiv}, {"vendor", content(5, 2)}});
     decode::Image d = decode::read(img);
@@ -348,8 +348,7 @@ TEST(ZunfBuilder, HostconfigImageHoldsDataPartsOnly)
     EXPECT_EQ(zunf_validate_content_part(part_at(bad, 24), bad.data() + 56), ZUNF_ERR_BODY_CRC);
 }
 
-TEST(ZunfBuilder, SoftwareBlockDescribesTheContent)
-{
+TEST(ZunfBuilder, SoftwareBlockDescribesTheContent) {
     Bytes c = content(10, 4);
     zunf_pinfometa m = make_software_block("ROOT-SAFE", {3, 4, 500}, "bid", c);
     Bytes block(zunf_bytes(&m), zunf_bytes(&m) + sizeof m);
@@ -373,20 +372,18 @@ TEST(ZunfBuilder, SoftwareBlockDescribesTheContent)
     EXPECT_EQ(zunf_validate_content_body(&m.hdr, c.data()), ZUNF_ERR_BODY_CRC);
 }
 
-TEST(ZunfBuilder, PartitionLayoutsFollowTheWriteType)
-{
+TEST(ZunfBuilder, PartitionLayoutsFollowTheWriteType) {
     struct Case {
         std::size_t len;
         int wts;
-        std::size_t block_at;   // SIZE_MAX: no block
+        std::size_t block_at; // SIZE_MAX: no block
         std::size_t content_at;
         std::size_t size;
     };
     const Case cases[] = {
-        {10, 1, SIZE_MAX, 0, 10},
-        {10, 2, 0, 64, 74},
-        {10, 3, 12, 0, 76},  // 10 content bytes, a 2-byte gap, the block
-        {12, 3, 12, 0, 76},  // already aligned: no gap
+        {10, 1, SIZE_MAX, 0, 10}, {10, 2, 0, 64, 74},
+        {10, 3, 12, 0, 76}, // 10 content bytes, a 2-byte gap, the block
+        {12, 3, 12, 0, 76}, // already aligned: no gap
         {0, 3, 0, 0, 64},
     };
     for (const Case &c : cases) {
@@ -396,8 +393,7 @@ TEST(ZunfBuilder, PartitionLayoutsFollowTheWriteType)
         ASSERT_EQ(part.size(), c.size);
         EXPECT_TRUE(std::equal(data.begin(), data.end(),
                                part.begin() + static_cast<std::ptrdiff_t>(c.content_at)));
-        if (c.block_at == SIZE_MAX)
-            continue;
+        if (c.block_at == SIZE_MAX) continue;
         for (std::size_t i = c.len; i < c.block_at && c.wts == 3; ++i)
             EXPECT_EQ(part[i], 0xAA) << "gap byte " << i;
         const auto *blk = part_at(part, c.block_at);
@@ -408,8 +404,7 @@ TEST(ZunfBuilder, PartitionLayoutsFollowTheWriteType)
     EXPECT_TRUE(build_partition(4, "X", {}, "", content(4, 0)).empty());
 }
 
-TEST(ZunfBuilder, PadToFillsWithErasedBytesAndNeverShrinks)
-{
+TEST(ZunfBuilder, PadToFillsWithErasedBytesAndNeverShrinks) {
     Bytes b = {1, 2, 3};
     pad_to(b, 6);
     EXPECT_EQ(b, (Bytes{1, 2, 3, 0xFF, 0xFF, 0xFF}));
@@ -419,12 +414,12 @@ TEST(ZunfBuilder, PadToFillsWithErasedBytesAndNeverShrinks)
     EXPECT_EQ(b.back(), 0);
 }
 
-TEST(ZunfBuilder, ParseVersion)
-{
+TEST(ZunfBuilder, ParseVersion) {
     const std::pair<const char *, bool> cases[] = {
-        {"2.1.7", true},   {"255.255.65535", true}, {"0.0.0", true}, {"256.0.0", false},
-        {"1.256.0", false}, {"1.0.65536", false},   {"1.2", false},  {"1.2.3.4", false},
-        {"a.b.c", false},  {"", false},             {"1..3", false}, {"-1.0.0", false},
+        {"2.1.7", true},    {"255.255.65535", true}, {"0.0.0", true},
+        {"256.0.0", false}, {"1.256.0", false},      {"1.0.65536", false},
+        {"1.2", false},     {"1.2.3.4", false},      {"a.b.c", false},
+        {"", false},        {"1..3", false},         {"-1.0.0", false},
     };
     for (auto [text, ok] : cases) {
         Version v;

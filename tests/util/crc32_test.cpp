@@ -11,8 +11,7 @@
 namespace {
 
 // Straight from the definition: reflected polynomial, preset all ones, final complement.
-std::uint32_t crc_bitwise(std::uint32_t crc, const std::uint8_t *p, std::size_t n)
-{
+std::uint32_t crc_bitwise(std::uint32_t crc, const std::uint8_t *p, std::size_t n) {
     std::uint32_t c = ~crc;
     for (std::size_t i = 0; i < n; ++i) {
         c ^= p[i];
@@ -22,8 +21,7 @@ std::uint32_t crc_bitwise(std::uint32_t crc, const std::uint8_t *p, std::size_t 
     return n == 0 ? crc : ~c;
 }
 
-std::vector<std::uint8_t> random_bytes(std::size_t n, std::uint32_t seed)
-{
+std::vector<std::uint8_t> random_bytes(std::size_t n, std::uint32_t seed) {
     std::mt19937 rng(seed);
     std::vector<std::uint8_t> b(n);
     for (auto &x : b)
@@ -34,14 +32,12 @@ std::vector<std::uint8_t> random_bytes(std::size_t n, std::uint32_t seed)
 const char CHECK_INPUT[] = "123456789";
 constexpr std::uint32_t CHECK_VALUE = 0xCBF43926u;
 
-TEST(Crc32, StandardCheckValue)
-{
+TEST(Crc32, StandardCheckValue) {
     EXPECT_EQ(crc32_calc(0, CHECK_INPUT, 9), CHECK_VALUE);
     EXPECT_EQ(crc32_calc_bytewise(0, CHECK_INPUT, 9), CHECK_VALUE);
 }
 
-TEST(Crc32, KnownValues)
-{
+TEST(Crc32, KnownValues) {
     const std::vector<std::uint8_t> zeros(32, 0);
     const std::vector<std::uint8_t> ones(32, 0xFF);
     EXPECT_EQ(crc32_calc(0, "a", 1), 0xE8B7BE43u);
@@ -50,8 +46,7 @@ TEST(Crc32, KnownValues)
     EXPECT_EQ(crc32_calc(0, ones.data(), 32), 0xFF6CAB0Bu);
 }
 
-TEST(Crc32, EmptyInputReturnsTheStartValue)
-{
+TEST(Crc32, EmptyInputReturnsTheStartValue) {
     const std::uint8_t byte = 0x55;
     for (std::uint32_t x : {0u, 1u, 0x12345678u, 0xCBF43926u, 0xFFFFFFFFu}) {
         EXPECT_EQ(crc32_calc(x, &byte, 0), x);
@@ -60,8 +55,7 @@ TEST(Crc32, EmptyInputReturnsTheStartValue)
     }
 }
 
-TEST(Crc32, ChainingAtEverySplitPointEqualsOneCall)
-{
+TEST(Crc32, ChainingAtEverySplitPointEqualsOneCall) {
     const auto buf = random_bytes(777, 1);
     const std::uint32_t n = static_cast<std::uint32_t>(buf.size());
     const std::uint32_t whole = crc32_calc(0, buf.data(), n);
@@ -72,8 +66,7 @@ TEST(Crc32, ChainingAtEverySplitPointEqualsOneCall)
     }
 }
 
-TEST(Crc32, ChainingInPartitionCheckBlocks)
-{
+TEST(Crc32, ChainingInPartitionCheckBlocks) {
     // A partition is read back in blocks of at most 4096 bytes and chained.
     const auto buf = random_bytes(3 * 4096 + 123, 2);
     std::uint32_t crc = 0;
@@ -84,8 +77,7 @@ TEST(Crc32, ChainingInPartitionCheckBlocks)
     EXPECT_EQ(crc, crc32_calc_bytewise(0, buf.data(), static_cast<std::uint32_t>(buf.size())));
 }
 
-TEST(Crc32, FastPathEqualsReferenceForEveryAlignmentAndShortLength)
-{
+TEST(Crc32, FastPathEqualsReferenceForEveryAlignmentAndShortLength) {
     const auto buf = random_bytes(1024 + 64, 3);
     for (std::size_t align = 0; align < 64; ++align) {
         for (std::uint32_t len = 0; len <= 1024; ++len) {
@@ -97,15 +89,13 @@ TEST(Crc32, FastPathEqualsReferenceForEveryAlignmentAndShortLength)
     }
 }
 
-TEST(Crc32, FastPathEqualsReferenceOnRandomLongInputs)
-{
+TEST(Crc32, FastPathEqualsReferenceOnRandomLongInputs) {
     const auto buf = random_bytes((1u << 20) + 64, 4);
     std::mt19937 rng(5);
     for (int i = 0; i < 200; ++i) {
         std::size_t align = rng() % 64;
         std::uint32_t len = static_cast<std::uint32_t>(rng() % (buf.size() - align));
-        if (i % 4 == 0)
-            len %= 70000; // many lengths around the block sizes of any wide path
+        if (i % 4 == 0) len %= 70000; // many lengths around the block sizes of any wide path
         std::uint32_t start = static_cast<std::uint32_t>(rng());
         const std::uint8_t *p = buf.data() + align;
         ASSERT_EQ(crc32_calc(start, p, len), crc32_calc_bytewise(start, p, len))
@@ -115,16 +105,15 @@ TEST(Crc32, FastPathEqualsReferenceOnRandomLongInputs)
     EXPECT_EQ(crc32_calc(0, buf.data(), n), crc_bitwise(0, buf.data(), n));
 }
 
-TEST(Crc32, ReferenceEqualsTheBitwiseDefinition)
-{
+TEST(Crc32, ReferenceEqualsTheBitwiseDefinition) {
     const auto buf = random_bytes(4096, 6);
     for (std::uint32_t len : {1u, 2u, 3u, 7u, 8u, 9u, 63u, 64u, 65u, 1000u, 4096u})
-        EXPECT_EQ(crc32_calc_bytewise(0x1234u, buf.data(), len), crc_bitwise(0x1234u, buf.data(), len))
+        EXPECT_EQ(crc32_calc_bytewise(0x1234u, buf.data(), len),
+                  crc_bitwise(0x1234u, buf.data(), len))
             << len;
 }
 
-TEST(Crc32, TableFollowsTheStandardRule)
-{
+TEST(Crc32, TableFollowsTheStandardRule) {
     EXPECT_EQ(crc32_table[0], 0u);
     EXPECT_EQ(crc32_table[1], 0x77073096u);
     EXPECT_EQ(crc32_table[128], 0xEDB88320u);
@@ -137,8 +126,7 @@ TEST(Crc32, TableFollowsTheStandardRule)
     }
 }
 
-TEST(Crc32, InitIsHarmless)
-{
+TEST(Crc32, InitIsHarmless) {
     crc32_init();
     crc32_init();
     EXPECT_EQ(crc32_calc(0, CHECK_INPUT, 9), CHECK_VALUE);

@@ -14,20 +14,17 @@ namespace {
 
 class FnFile : public testing::Test {
   protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         char tmpl[] = "/tmp/kiv_fnfile_XXXXXX";
         dir_ = ::mkdtemp(tmpl);
     }
     void TearDown() override { fs::remove_all(dir_); }
 
     std::string path(const char *name) const { return (dir_ / name).string(); }
-    void put(const char *name, const std::string &text) const
-    {
+    void put(const char *name, const std::string &text) const {
         std::ofstream(dir_ / name, std::ios::binary) << text;
     }
-    std::string get(const char *name) const
-    {
+    std::string get(const char *name) const {
         std::ifstream f(dir_ / name, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
     }
@@ -35,8 +32,7 @@ class FnFile : public testing::Test {
     fs::path dir_;
 };
 
-TEST_F(FnFile, ReadReturnsTheCountRead)
-{
+TEST_F(FnFile, ReadReturnsTheCountRead) {
     put("ten", "0123456789");
     char buf[5120];
     std::memset(buf, 'X', sizeof buf);
@@ -52,8 +48,7 @@ TEST_F(FnFile, ReadReturnsTheCountRead)
     EXPECT_EQ(fnread(path("missing").c_str(), buf, sizeof buf), -1);
 }
 
-TEST_F(FnFile, WriteCreatesOrTruncates)
-{
+TEST_F(FnFile, WriteCreatesOrTruncates) {
     EXPECT_EQ(fnwrite(path("out").c_str(), "0123456789", 10), 10);
     EXPECT_EQ(get("out"), "0123456789");
     EXPECT_EQ(fnwrite(path("out").c_str(), "abc", 3), 3);
@@ -63,16 +58,14 @@ TEST_F(FnFile, WriteCreatesOrTruncates)
     EXPECT_EQ(fs::file_size(path("out")), 0u);
 }
 
-TEST_F(FnFile, WriteFailures)
-{
+TEST_F(FnFile, WriteFailures) {
     EXPECT_EQ(fnwrite(path("no/such/dir/out").c_str(), "x", 1), -1);
     // The data sits in the stream buffer until the close, where the device reports
     // ENOSPC: a failed close fails the whole call.
     EXPECT_EQ(fnwrite("/dev/full", "x", 1), -1);
 }
 
-TEST_F(FnFile, ScanfReturnsTheScanResult)
-{
+TEST_F(FnFile, ScanfReturnsTheScanResult) {
     put("values", "42 kiv\n");
     int n = 0;
     char word[16] = {};
@@ -87,8 +80,7 @@ TEST_F(FnFile, ScanfReturnsTheScanResult)
     EXPECT_EQ(fnscanf(path("missing").c_str(), "%d", &n), -1);
 }
 
-TEST_F(FnFile, PrintfWritesFormattedText)
-{
+TEST_F(FnFile, PrintfWritesFormattedText) {
     EXPECT_EQ(fnprintf(path("out").c_str(), "set=%d name=%s\n", 2, "SET2"), 16);
     EXPECT_EQ(get("out"), "set=2 name=SET2\n");
     EXPECT_EQ(fnprintf(path("out").c_str(), "%s", "x"), 1);
@@ -97,8 +89,7 @@ TEST_F(FnFile, PrintfWritesFormattedText)
     EXPECT_EQ(fnprintf("/dev/full", "%d", 1), -1);
 }
 
-TEST_F(FnFile, SizeFollowsLinksAndReportsDevicesAsEmpty)
-{
+TEST_F(FnFile, SizeFollowsLinksAndReportsDevicesAsEmpty) {
     put("ten", "0123456789");
     put("empty", "");
     fs::create_symlink(path("ten"), path("link"));

@@ -18,8 +18,7 @@ namespace {
 // Points descriptor 1 at a fresh temporary file while alive; text() reads it back.
 class StdoutToFile {
   public:
-    StdoutToFile()
-    {
+    StdoutToFile() {
         std::fflush(stdout);
         char path[] = "/tmp/kiv_qx_test_XXXXXX";
         file_ = ::mkstemp(path);
@@ -27,8 +26,7 @@ class StdoutToFile {
         saved_ = ::dup(1);
         ::dup2(file_, 1);
     }
-    ~StdoutToFile()
-    {
+    ~StdoutToFile() {
         std::fflush(stdout);
         ::dup2(saved_, 1);
         ::close(saved_);
@@ -38,8 +36,7 @@ class StdoutToFile {
     StdoutToFile &operator=(const StdoutToFile &) = delete;
 
     // What reached the descriptor so far, without flushing anything first.
-    std::string text() const
-    {
+    std::string text() const {
         std::string out;
         char buf[4096];
         ssize_t n;
@@ -57,8 +54,7 @@ class StdoutToFile {
 };
 
 unsigned format(char *buf, std::size_t n, const char *fmt, ...) QX_PRINTF(3, 4);
-unsigned format(char *buf, std::size_t n, const char *fmt, ...)
-{
+unsigned format(char *buf, std::size_t n, const char *fmt, ...) {
     va_list args;
     va_start(args, fmt);
     unsigned r = qx_vsnprintf(buf, n, fmt, args);
@@ -66,13 +62,13 @@ unsigned format(char *buf, std::size_t n, const char *fmt, ...)
     return r;
 }
 
-TEST(QxStrlcpy, CopiesAtMostSizeMinusOneAndReturnsTheSourceLength)
-{
+TEST(QxStrlcpy, CopiesAtMostSizeMinusOneAndReturnsTheSourceLength) {
     struct Case {
         std::size_t size;
         const char *stored; // nullptr: nothing written
     };
-    const Case cases[] = {{0, nullptr}, {1, ""}, {4, "abc"}, {6, "abcde"}, {7, "abcdef"}, {16, "abcdef"}};
+    const Case cases[] = {{0, nullptr}, {1, ""},       {4, "abc"},
+                          {6, "abcde"}, {7, "abcdef"}, {16, "abcdef"}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.size);
         char dst[20];
@@ -90,8 +86,7 @@ TEST(QxStrlcpy, CopiesAtMostSizeMinusOneAndReturnsTheSourceLength)
     }
 }
 
-TEST(QxVsnprintf, ReturnsWhatWasStored)
-{
+TEST(QxVsnprintf, ReturnsWhatWasStored) {
     char buf[80];
     const std::string hundred(100, 'h');
     EXPECT_EQ(format(buf, sizeof buf, "%s", hundred.c_str()), 79u);
@@ -107,8 +102,7 @@ TEST(QxVsnprintf, ReturnsWhatWasStored)
     EXPECT_EQ(format(buf, sizeof buf, "%s", ""), 0u);
 }
 
-TEST(QxVsnprintf, FormattingErrorLeavesAnEmptyBuffer)
-{
+TEST(QxVsnprintf, FormattingErrorLeavesAnEmptyBuffer) {
     // In the C locale a wide character outside ASCII cannot be converted: the
     // platform formatter reports an error.
     char buf[80];
@@ -117,16 +111,14 @@ TEST(QxVsnprintf, FormattingErrorLeavesAnEmptyBuffer)
     EXPECT_STREQ(buf, "");
 }
 
-TEST(QxConsole, PrintfCutsAt79Characters)
-{
+TEST(QxConsole, PrintfCutsAt79Characters) {
     const std::string msg(200, 'm');
     StdoutToFile out;
     EXPECT_EQ(qx_console_printf("%s", msg.c_str()), 79);
     EXPECT_EQ(out.text(), std::string(79, 'm'));
 }
 
-TEST(QxConsole, PutsWritesTheWholeTextUnbuffered)
-{
+TEST(QxConsole, PutsWritesTheWholeTextUnbuffered) {
     const std::string big(100000, 'b');
     StdoutToFile out;
     EXPECT_EQ(qx_console_puts("hello "), 6u);
@@ -134,8 +126,7 @@ TEST(QxConsole, PutsWritesTheWholeTextUnbuffered)
     EXPECT_EQ(out.text(), "hello " + big);
 }
 
-TEST(QxConsole, EmptyTextMakesNoWrite)
-{
+TEST(QxConsole, EmptyTextMakesNoWrite) {
     // Descriptor 1 open read-only: any write() call, even of zero bytes, fails with
     // EBADF, so an untouched errno proves that none was made.
     std::fflush(stdout);
@@ -159,8 +150,7 @@ TEST(QxConsole, EmptyTextMakesNoWrite)
     EXPECT_EQ(one_errno, EBADF) << "the probe itself sees writes";
 }
 
-TEST(QxPrintf, FlushesAfterEveryCall)
-{
+TEST(QxPrintf, FlushesAfterEveryCall) {
     StdoutToFile out;
     EXPECT_EQ(qx_printf("value %d\n", 42), 9);
     EXPECT_EQ(out.text(), "value 42\n") << "visible on the descriptor without another flush";
@@ -169,13 +159,11 @@ TEST(QxPrintf, FlushesAfterEveryCall)
 }
 
 // Death tests match the child's standard error; the console is descriptor 1.
-void console_to_stderr()
-{
+void console_to_stderr() {
     ::dup2(2, 1);
 }
 
-TEST(QxPanicDeathTest, WritesThePanicLineAndAborts)
-{
+TEST(QxPanicDeathTest, WritesThePanicLineAndAborts) {
     EXPECT_EXIT(
         {
             console_to_stderr();
@@ -184,8 +172,7 @@ TEST(QxPanicDeathTest, WritesThePanicLineAndAborts)
         testing::KilledBySignal(SIGABRT), "^Panic: \\*\\*\\* ASSERT in kivl at 100\n$");
 }
 
-TEST(QxPanicDeathTest, AssertNamesModuleAndLine)
-{
+TEST(QxPanicDeathTest, AssertNamesModuleAndLine) {
     const int line = __LINE__ + 5;
     EXPECT_EXIT(
         {
@@ -197,8 +184,7 @@ TEST(QxPanicDeathTest, AssertNamesModuleAndLine)
         "^Panic: \\*\\*\\* ASSERT in zunf_stream_parser at " + std::to_string(line) + "\n$");
 }
 
-TEST(QxPanicDeathTest, LongMessageIsCutOnTheConsole)
-{
+TEST(QxPanicDeathTest, LongMessageIsCutOnTheConsole) {
     EXPECT_EXIT(
         {
             console_to_stderr();
@@ -207,13 +193,11 @@ TEST(QxPanicDeathTest, LongMessageIsCutOnTheConsole)
         testing::KilledBySignal(SIGABRT), "^Panic: p{79}$");
 }
 
-TEST(QxPanicDeathTest, AbortEndsBySignal6)
-{
+TEST(QxPanicDeathTest, AbortEndsBySignal6) {
     EXPECT_EXIT(qx_abort(), testing::KilledBySignal(SIGABRT), "");
 }
 
-TEST(QxAssert, HoldingConditionDoesNothing)
-{
+TEST(QxAssert, HoldingConditionDoesNothing) {
     StdoutToFile out;
     QX_ASSERT("kiv", 1 + 1 == 2);
     EXPECT_EQ(out.text(), "");

@@ -14,8 +14,7 @@ using namespace mkzunf;
 namespace {
 
 // Bit by bit from the polynomial, so that a CRC fault in the product cannot hide here.
-std::uint32_t crc(const std::uint8_t *p, std::size_t n)
-{
+std::uint32_t crc(const std::uint8_t *p, std::size_t n) {
     std::uint32_t c = 0xFFFFFFFFu;
     for (std::size_t i = 0; i < n; ++i) {
         c ^= p[i];
@@ -31,14 +30,10 @@ struct RawImageHeader {
     std::uint8_t bytes[64] = {};
 
     zunf_image_header *hdr() { return reinterpret_cast<zunf_image_header *>(bytes); }
-    void seal(std::size_t crc_len)
-    {
-        hdr()->hdr_crc = crc(bytes + 4, crc_len - 4);
-    }
+    void seal(std::size_t crc_len) { hdr()->hdr_crc = crc(bytes + 4, crc_len - 4); }
 };
 
-RawImageHeader image_header(std::uint8_t version, std::uint16_t hdr_length)
-{
+RawImageHeader image_header(std::uint8_t version, std::uint16_t hdr_length) {
     RawImageHeader h;
     h.hdr()->version = version;
     h.hdr()->hdr_length = hdr_length;
@@ -48,8 +43,7 @@ RawImageHeader image_header(std::uint8_t version, std::uint16_t hdr_length)
     return h;
 }
 
-TEST(ZunfValidateHeader, ResultCodesInCheckOrder)
-{
+TEST(ZunfValidateHeader, ResultCodesInCheckOrder) {
     struct Case {
         const char *name;
         std::uint8_t version;
@@ -72,14 +66,12 @@ TEST(ZunfValidateHeader, ResultCodesInCheckOrder)
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         RawImageHeader h = image_header(c.version, c.hdr_length);
-        if (c.break_crc)
-            h.hdr()->hdr_crc = ~h.hdr()->hdr_crc.get();
+        if (c.break_crc) h.hdr()->hdr_crc = ~h.hdr()->hdr_crc.get();
         EXPECT_EQ(zunf_validate_header(h.hdr()), c.expect);
     }
 }
 
-TEST(ZunfValidateHeader, CrcCoversEveryHeaderByteAfterItself)
-{
+TEST(ZunfValidateHeader, CrcCoversEveryHeaderByteAfterItself) {
     RawImageHeader h = image_header(1, 16);
     h.hdr()->body_length = 100;
     h.hdr()->body_crc = 0x12345678;
@@ -97,8 +89,7 @@ TEST(ZunfValidateHeader, CrcCoversEveryHeaderByteAfterItself)
     EXPECT_EQ(zunf_validate_header(past.hdr()), ZUNF_VALID);
 }
 
-TEST(ZunfValidateBody, ComparesTheCrcOfBodyLengthBytes)
-{
+TEST(ZunfValidateBody, ComparesTheCrcOfBodyLengthBytes) {
     Bytes body = {1, 2, 3, 4, 5, 6, 7};
     RawImageHeader h = image_header(1, 16);
     h.hdr()->body_length = 5;
@@ -123,24 +114,22 @@ struct RawPart {
     std::uint8_t *body() { return bytes.data() + hdr()->hdr_length; }
 };
 
-RawPart raw_part(std::uint16_t hdr_length, std::string_view body_text)
-{
+RawPart raw_part(std::uint16_t hdr_length, std::string_view body_text) {
     RawPart p;
     std::size_t hl = hdr_length < 32 ? 32 : hdr_length;
     p.bytes.assign(hl + body_text.size(), 0);
-    std::copy(body_text.begin(), body_text.end(), p.bytes.begin() + static_cast<std::ptrdiff_t>(hl));
+    std::copy(body_text.begin(), body_text.end(),
+              p.bytes.begin() + static_cast<std::ptrdiff_t>(hl));
     p.hdr()->type_id = ZUNF_TYPE_DATA;
     p.hdr()->hdr_length = hdr_length;
     p.hdr()->body_length = static_cast<std::uint32_t>(body_text.size());
     p.bytes[12] = 'x';
     p.hdr()->body_crc = body_text.empty() ? 0 : crc(p.bytes.data() + hl, body_text.size());
-    if (hdr_length >= 4)
-        p.hdr()->hdr_crc = crc(p.bytes.data() + 4, hdr_length - 4u);
+    if (hdr_length >= 4) p.hdr()->hdr_crc = crc(p.bytes.data() + 4, hdr_length - 4u);
     return p;
 }
 
-TEST(ZunfValidateContent, HeaderResultCodes)
-{
+TEST(ZunfValidateContent, HeaderResultCodes) {
     struct Case {
         const char *name;
         std::uint16_t hdr_length;
@@ -159,14 +148,12 @@ TEST(ZunfValidateContent, HeaderResultCodes)
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         RawPart p = raw_part(c.hdr_length, "body");
-        if (c.break_crc)
-            p.hdr()->hdr_crc = ~p.hdr()->hdr_crc.get();
+        if (c.break_crc) p.hdr()->hdr_crc = ~p.hdr()->hdr_crc.get();
         EXPECT_EQ(zunf_validate_content_header(p.hdr()), c.expect);
     }
 }
 
-TEST(ZunfValidateContent, HeaderCrcCoversTheTypeHeaderAndBodyCrc)
-{
+TEST(ZunfValidateContent, HeaderCrcCoversTheTypeHeaderAndBodyCrc) {
     RawPart p = raw_part(64, "body");
     ASSERT_EQ(zunf_validate_content_header(p.hdr()), ZUNF_VALID);
     for (std::size_t i : {4u, 8u, 12u, 27u, 28u, 31u, 32u, 63u}) {
@@ -177,11 +164,11 @@ TEST(ZunfValidateContent, HeaderCrcCoversTheTypeHeaderAndBodyCrc)
     RawPart body_changed = p;
     body_changed.bytes[64] ^= 0x10;
     EXPECT_EQ(zunf_validate_content_header(body_changed.hdr()), ZUNF_VALID);
-    EXPECT_EQ(zunf_validate_content_body(body_changed.hdr(), body_changed.body()), ZUNF_ERR_BODY_CRC);
+    EXPECT_EQ(zunf_validate_content_body(body_changed.hdr(), body_changed.body()),
+              ZUNF_ERR_BODY_CRC);
 }
 
-TEST(ZunfValidateContent, BodyAndPartResults)
-{
+TEST(ZunfValidateContent, BodyAndPartResults) {
     RawPart p = raw_part(32, "hello");
     EXPECT_EQ(zunf_validate_content_body(p.hdr(), p.body()), ZUNF_VALID);
     EXPECT_EQ(zunf_validate_content_part(p.hdr(), p.body()), ZUNF_VALID);
@@ -207,8 +194,7 @@ TEST(ZunfValidateContent, BodyAndPartResults)
               ZUNF_ERR_HDR_LENGTH);
 }
 
-TEST(ZunfValidateContent, BodyIsTakenWhereTheCallerPointsIt)
-{
+TEST(ZunfValidateContent, BodyIsTakenWhereTheCallerPointsIt) {
     // The software block in a partition describes the content at the partition start.
     Bytes content = to_bytes("partition content");
     Bytes partition = build_partition(3, "ROOT-SAFE", {1, 2, 3}, "id", content);
@@ -218,8 +204,7 @@ TEST(ZunfValidateContent, BodyIsTakenWhereTheCallerPointsIt)
 }
 
 // Walks a built image the way the hostconfig loader does.
-std::vector<int> part_results(const Bytes &img)
-{
+std::vector<int> part_results(const Bytes &img) {
     std::vector<int> r;
     const auto *ih = reinterpret_cast<const zunf_image_header *>(img.data() + 8);
     std::size_t off = 24;
@@ -232,8 +217,7 @@ std::vector<int> part_results(const Bytes &img)
     return r;
 }
 
-TEST(ZunfValidateImage, PaddingIsCoveredByTheImageBodyOnly)
-{
+TEST(ZunfValidateImage, PaddingIsCoveredByTheImageBodyOnly) {
     ImageBuilder b;
     b.add_data("first", to_bytes("12345")).add_data("second", to_bytes("abc"));
     Bytes img = b.build();
@@ -252,8 +236,7 @@ TEST(ZunfValidateImage, PaddingIsCoveredByTheImageBodyOnly)
     }
 }
 
-TEST(ZunfValidateImage, LongNameIsStoredCutTo15Characters)
-{
+TEST(ZunfValidateImage, LongNameIsStoredCutTo15Characters) {
     ImageBuilder b;
     b.add_data("0123456789ABCDEFGHIJ", to_bytes("x")).add_data("exactly16chars!!", to_bytes("y"));
     Bytes img = b.build();
@@ -264,8 +247,7 @@ TEST(ZunfValidateImage, LongNameIsStoredCutTo15Characters)
     EXPECT_EQ(part_results(img), std::vector<int>(2, ZUNF_VALID));
 }
 
-TEST(ZunfValidateImage, ValidationLeavesTheImageUnchanged)
-{
+TEST(ZunfValidateImage, ValidationLeavesTheImageUnchanged) {
     ImageBuilder b;
     b.add_data("a", to_bytes("abcdef")).fault_part_body_crc(0);
     const Bytes img = b.build();
@@ -277,13 +259,11 @@ TEST(ZunfValidateImage, ValidationLeavesTheImageUnchanged)
     EXPECT_EQ(copy, img);
 }
 
-void console_to_stderr()
-{
+void console_to_stderr() {
     ::dup2(2, 1);
 }
 
-TEST(ZunfValidateDeathTest, NullPointersAreAssertions)
-{
+TEST(ZunfValidateDeathTest, NullPointersAreAssertions) {
     const char *panic = "^Panic: \\*\\*\\* ASSERT in zunf_validate at [0-9]+\n$";
     RawPart p = raw_part(32, "x");
     EXPECT_EXIT(

@@ -38,7 +38,8 @@ const char USAGE[] =
     "  kivm     line=CSV | text=TEXT | file=PATH     (repeated kivm lines form one part)\n"
     "  software name=NAME version=X.Y.Z [build_id=ID] (file=PATH | text=T | size=N [fill=B])\n"
     "  data     name=NAME (file=PATH | text=T | size=N [fill=B])\n"
-    "  raw      type=N name=NAME [hdr_length=N] [header=HEX] (file=PATH | text=T | size=N [fill=B])\n"
+    "  raw      type=N name=NAME [hdr_length=N] [header=HEX] (file=PATH | text=T | size=N "
+    "[fill=B])\n"
     "faults: --bad-part-hdr-crc=I --bad-part-body-crc=I --part-hdr-length=I:N --bad-hdr-crc\n"
     "        --bad-body-crc --bad-magic=1|2 --set-version=N --image-hdr-length=N\n"
     "        --truncate=N --append=HEX\n";
@@ -48,8 +49,7 @@ class Error : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-[[noreturn]] __attribute__((format(printf, 1, 2))) void fail(const char *format, ...)
-{
+[[noreturn]] __attribute__((format(printf, 1, 2))) void fail(const char *format, ...) {
     char buf[512];
     va_list args;
     va_start(args, format);
@@ -58,13 +58,11 @@ class Error : public std::runtime_error {
     throw Error(buf);
 }
 
-std::string str(std::string_view v)
-{
+std::string str(std::string_view v) {
     return std::string(v);
 }
 
-std::uint64_t parse_uint(std::string_view text, std::uint64_t max, const char *what)
-{
+std::uint64_t parse_uint(std::string_view text, std::uint64_t max, const char *what) {
     std::uint64_t v = 0;
     int base = 10;
     std::string_view digits = text;
@@ -78,8 +76,7 @@ std::uint64_t parse_uint(std::string_view text, std::uint64_t max, const char *w
     return v;
 }
 
-Bytes parse_hex(std::string_view text, const char *what)
-{
+Bytes parse_hex(std::string_view text, const char *what) {
     if (text.size() % 2 != 0)
         fail("invalid %s '%s': odd number of hex digits", what, str(text).c_str());
     Bytes out;
@@ -93,11 +90,9 @@ Bytes parse_hex(std::string_view text, const char *what)
     return out;
 }
 
-Bytes read_file(const std::string &path)
-{
+Bytes read_file(const std::string &path) {
     StdioFile f(path.c_str(), "rb");
-    if (!f)
-        fail("cannot open %s: %s", path.c_str(), std::strerror(errno));
+    if (!f) fail("cannot open %s: %s", path.c_str(), std::strerror(errno));
     Bytes out;
     std::uint8_t chunk[65536];
     std::size_t n;
@@ -106,13 +101,11 @@ Bytes read_file(const std::string &path)
         if (out.size() > MAX_INPUT_FILE)
             fail("%s is larger than %zu bytes", path.c_str(), MAX_INPUT_FILE);
     }
-    if (std::ferror(f.get()))
-        fail("cannot read %s", path.c_str());
+    if (std::ferror(f.get())) fail("cannot read %s", path.c_str());
     return out;
 }
 
-void write_output(const std::string &path, const Bytes &bytes)
-{
+void write_output(const std::string &path, const Bytes &bytes) {
     if (path == "-") {
         if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
             std::fflush(stdout) != 0)
@@ -120,21 +113,20 @@ void write_output(const std::string &path, const Bytes &bytes)
         return;
     }
     StdioFile f(path.c_str(), "wb");
-    if (!f)
-        fail("cannot open %s for writing: %s", path.c_str(), std::strerror(errno));
+    if (!f) fail("cannot open %s for writing: %s", path.c_str(), std::strerror(errno));
     if (std::fwrite(bytes.data(), 1, bytes.size(), f.get()) != bytes.size() || f.close() != 0)
         fail("cannot write %s", path.c_str());
 }
 
 // Seconds since 1970 UTC, given as a number or as YYYY-MM-DD[THH:MM:SS].
-std::uint32_t parse_date(std::string_view text)
-{
+std::uint32_t parse_date(std::string_view text) {
     if (text.find('-') == std::string_view::npos)
         return static_cast<std::uint32_t>(parse_uint(text, UINT32_MAX, "date"));
     std::tm tm{};
     int consumed = 0;
     std::string s = str(text);
-    int n = std::sscanf(s.c_str(), "%4d-%2d-%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &consumed);
+    int n =
+        std::sscanf(s.c_str(), "%4d-%2d-%2d%n", &tm.tm_year, &tm.tm_mon, &tm.tm_mday, &consumed);
     if (n == 3 && s[static_cast<std::size_t>(consumed)] == 'T') {
         int more = 0;
         n += std::sscanf(s.c_str() + consumed, "T%2d:%2d:%2d%n", &tm.tm_hour, &tm.tm_min,
@@ -151,8 +143,7 @@ std::uint32_t parse_date(std::string_view text)
     return static_cast<std::uint32_t>(t);
 }
 
-Version parse_ver(std::string_view text)
-{
+Version parse_ver(std::string_view text) {
     Version v;
     if (!parse_version(text, v))
         fail("invalid version '%s' (expected MAJOR.MINOR.BUILD)", str(text).c_str());
@@ -162,8 +153,7 @@ Version parse_ver(std::string_view text)
 // key=value words of one directive; values may be double-quoted with C escapes.
 using Fields = std::map<std::string, std::string, std::less<>>;
 
-std::string unquote(std::string_view line, std::size_t &i)
-{
+std::string unquote(std::string_view line, std::size_t &i) {
     std::string out;
     ++i; // opening quote
     while (i < line.size() && line[i] != '"') {
@@ -172,26 +162,34 @@ std::string unquote(std::string_view line, std::size_t &i)
             out.push_back(c);
             continue;
         }
-        if (i >= line.size())
-            break;
+        if (i >= line.size()) break;
         char e = line[i++];
         switch (e) {
-        case 'n': out.push_back('\n'); break;
-        case 't': out.push_back('\t'); break;
-        case '0': out.push_back('\0'); break;
-        case '\\': out.push_back('\\'); break;
-        case '"': out.push_back('"'); break;
-        default: fail("unknown escape '\\%c'", e);
+        case 'n':
+            out.push_back('\n');
+            break;
+        case 't':
+            out.push_back('\t');
+            break;
+        case '0':
+            out.push_back('\0');
+            break;
+        case '\\':
+            out.push_back('\\');
+            break;
+        case '"':
+            out.push_back('"');
+            break;
+        default:
+            fail("unknown escape '\\%c'", e);
         }
     }
-    if (i >= line.size())
-        fail("unterminated quoted value");
+    if (i >= line.size()) fail("unterminated quoted value");
     ++i; // closing quote
     return out;
 }
 
-void split_directive(std::string_view line, std::string &word, Fields &fields)
-{
+void split_directive(std::string_view line, std::string &word, Fields &fields) {
     std::size_t i = 0;
     auto skip_blank = [&] {
         while (i < line.size() && (line[i] == ' ' || line[i] == '\t' || line[i] == '\r'))
@@ -204,8 +202,7 @@ void split_directive(std::string_view line, std::string &word, Fields &fields)
     word = str(line.substr(start, i - start));
     for (;;) {
         skip_blank();
-        if (i >= line.size())
-            break;
+        if (i >= line.size()) break;
         start = i;
         while (i < line.size() && line[i] != '=' && line[i] != ' ' && line[i] != '\t')
             ++i;
@@ -222,8 +219,7 @@ void split_directive(std::string_view line, std::string &word, Fields &fields)
                 ++i;
             value = str(line.substr(start, i - start));
         }
-        if (!fields.emplace(key, value).second)
-            fail("key '%s' given twice", key.c_str());
+        if (!fields.emplace(key, value).second) fail("key '%s' given twice", key.c_str());
     }
 }
 
@@ -231,51 +227,38 @@ class Directive {
   public:
     Directive(std::string word, Fields fields, std::string base_dir, std::string origin)
         : word_(std::move(word)), fields_(std::move(fields)), base_(std::move(base_dir)),
-          origin_(std::move(origin))
-    {
-    }
+          origin_(std::move(origin)) {}
     const std::string &word() const { return word_; }
     // Where the directive was given, for messages: "FILE:LINE", "-e '...'" or "--data".
     const std::string &origin() const { return origin_; }
 
     // Refuses keys outside the allowed set.
-    void only(std::initializer_list<const char *> allowed) const
-    {
+    void only(std::initializer_list<const char *> allowed) const {
         for (const auto &[k, v] : fields_) {
             bool ok = false;
             for (const char *a : allowed)
                 ok = ok || k == a;
-            if (!ok)
-                fail("%s: unknown key '%s'", word_.c_str(), k.c_str());
+            if (!ok) fail("%s: unknown key '%s'", word_.c_str(), k.c_str());
         }
     }
     bool has(const char *key) const { return fields_.count(key) != 0; }
-    std::string get(const char *key, const char *fallback = nullptr) const
-    {
+    std::string get(const char *key, const char *fallback = nullptr) const {
         auto it = fields_.find(key);
-        if (it != fields_.end())
-            return it->second;
-        if (!fallback)
-            fail("%s: missing %s=", word_.c_str(), key);
+        if (it != fields_.end()) return it->second;
+        if (!fallback) fail("%s: missing %s=", word_.c_str(), key);
         return fallback;
     }
-    std::string path(const char *key) const
-    {
+    std::string path(const char *key) const {
         std::string p = get(key);
         return p.empty() || p[0] == '/' || base_.empty() ? p : base_ + "/" + p;
     }
     // Body from exactly one of file=, text=, size= (with fill=).
-    Bytes content() const
-    {
+    Bytes content() const {
         int sources = has("file") + has("text") + has("size");
-        if (sources != 1)
-            fail("%s: give exactly one of file=, text=, size=", word_.c_str());
-        if (has("fill") && !has("size"))
-            fail("%s: fill= goes with size=", word_.c_str());
-        if (has("file"))
-            return read_file(path("file"));
-        if (has("text"))
-            return to_bytes(get("text"));
+        if (sources != 1) fail("%s: give exactly one of file=, text=, size=", word_.c_str());
+        if (has("fill") && !has("size")) fail("%s: fill= goes with size=", word_.c_str());
+        if (has("file")) return read_file(path("file"));
+        if (has("text")) return to_bytes(get("text"));
         auto n = static_cast<std::size_t>(parse_uint(get("size"), MAX_INPUT_FILE, "size"));
         auto fill = static_cast<std::uint8_t>(parse_uint(get("fill", "0"), 0xFF, "fill"));
         return Bytes(n, fill);
@@ -288,10 +271,8 @@ class Directive {
     std::string origin_;
 };
 
-std::string release_text(const Directive &d)
-{
-    if (d.has("text") && d.has("text_file"))
-        fail("release: give text= or text_file=, not both");
+std::string release_text(const Directive &d) {
+    if (d.has("text") && d.has("text_file")) fail("release: give text= or text_file=, not both");
     std::string text = d.get("text", "");
     if (d.has("text_file")) {
         Bytes b = read_file(d.path("text_file"));
@@ -299,12 +280,10 @@ std::string release_text(const Directive &d)
     }
     if (d.has("products")) {
         // The device finds the model list as a line of its own, ended by a newline.
-        if (!text.empty() && text.back() != '\n')
-            text.push_back('\n');
+        if (!text.empty() && text.back() != '\n') text.push_back('\n');
         text += "products=" + d.get("products") + "\n";
     }
-    if (text.find('\0') != std::string::npos)
-        fail("release: text must not contain a NUL byte");
+    if (text.find('\0') != std::string::npos) fail("release: text must not contain a NUL byte");
     return text;
 }
 
@@ -317,8 +296,8 @@ struct KivmCollector {
     std::size_t slot = SIZE_MAX;
 };
 
-void add_directive(const Directive &d, Mode mode, std::vector<PartSpec> &parts, KivmCollector &kivm)
-{
+void add_directive(const Directive &d, Mode mode, std::vector<PartSpec> &parts,
+                   KivmCollector &kivm) {
     const std::string &w = d.word();
     if (mode == Mode::hostconfig && w != "data" && w != "raw")
         fail("%s: a hostconfig image holds only data and raw parts", w.c_str());
@@ -367,8 +346,7 @@ void add_directive(const Directive &d, Mode mode, std::vector<PartSpec> &parts, 
 }
 
 // Adds the parts a list of directives describes, in order.
-void apply_directives(const std::vector<Directive> &dirs, Mode mode, ImageBuilder &b)
-{
+void apply_directives(const std::vector<Directive> &dirs, Mode mode, ImageBuilder &b) {
     KivmCollector kivm;
     std::vector<PartSpec> parts;
     for (const Directive &d : dirs) {
@@ -389,31 +367,28 @@ void apply_directives(const std::vector<Directive> &dirs, Mode mode, ImageBuilde
         b.add_part(std::move(p));
 }
 
-std::vector<Directive> read_manifest(const std::string &path)
-{
+std::vector<Directive> read_manifest(const std::string &path) {
     Bytes raw = read_file(path);
     std::string text(raw.begin(), raw.end());
     std::size_t slash = path.rfind('/');
     std::string base = slash == std::string::npos ? "" : path.substr(0, slash);
-    if (slash == 0)
-        base = "/";
+    if (slash == 0) base = "/";
     std::vector<Directive> out;
     std::size_t pos = 0;
     int lineno = 0;
     while (pos <= text.size()) {
         std::size_t nl = text.find('\n', pos);
-        std::string_view line(text.data() + pos, (nl == std::string::npos ? text.size() : nl) - pos);
+        std::string_view line(text.data() + pos,
+                              (nl == std::string::npos ? text.size() : nl) - pos);
         pos = nl == std::string::npos ? text.size() + 1 : nl + 1;
         ++lineno;
         std::size_t first = line.find_first_not_of(" \t\r");
-        if (first == std::string_view::npos || line[first] == '#')
-            continue;
+        if (first == std::string_view::npos || line[first] == '#') continue;
         try {
             std::string word;
             Fields fields;
             split_directive(line, word, fields);
-            out.emplace_back(word, std::move(fields), base,
-                             path + ":" + std::to_string(lineno));
+            out.emplace_back(word, std::move(fields), base, path + ":" + std::to_string(lineno));
         } catch (const Error &e) {
             fail("%s:%d: %s", path.c_str(), lineno, e.what());
         }
@@ -444,16 +419,13 @@ struct Args {
     bool bad_block_body_crc = false;
 };
 
-std::size_t parse_index(std::string_view v, const char *what)
-{
+std::size_t parse_index(std::string_view v, const char *what) {
     return static_cast<std::size_t>(parse_uint(v, ZUNF_MAX_PARTS * 100u, what));
 }
 
-Args parse_args(int argc, char **argv)
-{
+Args parse_args(int argc, char **argv) {
     Args a;
-    if (argc < 2)
-        fail("missing command");
+    if (argc < 2) fail("missing command");
     a.command = argv[1];
     if (a.command != "image" && a.command != "hostconfig" && a.command != "partition")
         fail("unknown command '%s'", a.command.c_str());
@@ -468,15 +440,12 @@ Args parse_args(int argc, char **argv)
             value = str(arg.substr(eq + 1));
         }
         auto need = [&]() -> std::string {
-            if (value)
-                return *value;
-            if (i + 1 >= argc)
-                fail("%s needs a value", key.c_str());
+            if (value) return *value;
+            if (i + 1 >= argc) fail("%s needs a value", key.c_str());
             return argv[++i];
         };
         auto flag = [&] {
-            if (value)
-                fail("%s takes no value", key.c_str());
+            if (value) fail("%s takes no value", key.c_str());
         };
         if (key == "-o" || key == "--output") {
             a.out = need();
@@ -496,8 +465,7 @@ Args parse_args(int argc, char **argv)
         } else if (!is_partition && key == "--part-hdr-length") {
             std::string v = need();
             std::size_t colon = v.find(':');
-            if (colon == std::string::npos)
-                fail("--part-hdr-length needs INDEX:LENGTH");
+            if (colon == std::string::npos) fail("--part-hdr-length needs INDEX:LENGTH");
             a.faults.part_hdr_length = parse_index(v.substr(0, colon), "part index");
             a.faults.part_hdr_length_value =
                 static_cast<std::uint16_t>(parse_uint(v.substr(colon + 1), 0xFFFF, "hdr_length"));
@@ -509,8 +477,7 @@ Args parse_args(int argc, char **argv)
             a.faults.image_body_crc = true;
         } else if (!is_partition && key == "--bad-magic") {
             a.faults.bad_magic = static_cast<int>(parse_uint(need(), 2, "magic half"));
-            if (a.faults.bad_magic == 0)
-                fail("--bad-magic takes 1 or 2");
+            if (a.faults.bad_magic == 0) fail("--bad-magic takes 1 or 2");
         } else if (!is_partition && key == "--set-version") {
             a.faults.version = static_cast<std::uint8_t>(parse_uint(need(), 0xFF, "version"));
         } else if (!is_partition && key == "--image-hdr-length") {
@@ -523,8 +490,7 @@ Args parse_args(int argc, char **argv)
             a.faults.garbage.insert(a.faults.garbage.end(), g.begin(), g.end());
         } else if (is_partition && key == "--wts") {
             a.wts = static_cast<int>(parse_uint(need(), 3, "wts"));
-            if (*a.wts == 0)
-                fail("--wts takes 1, 2 or 3");
+            if (*a.wts == 0) fail("--wts takes 1, 2 or 3");
         } else if (is_partition && key == "--name") {
             a.name = need();
         } else if (is_partition && key == "--version") {
@@ -553,51 +519,46 @@ Args parse_args(int argc, char **argv)
             fail("unexpected argument '%s' for %s", argv[i], a.command.c_str());
         }
     }
-    if (a.out.empty())
-        fail("missing -o OUT");
+    if (a.out.empty()) fail("missing -o OUT");
     return a;
 }
 
-Bytes make_partition(const Args &a)
-{
-    if (!a.wts)
-        fail("partition: missing --wts");
-    if (a.name.empty() || a.version.empty())
-        fail("partition: missing --name or --version");
+Bytes make_partition(const Args &a) {
+    if (!a.wts) fail("partition: missing --wts");
+    if (a.name.empty() || a.version.empty()) fail("partition: missing --name or --version");
     if (!!a.file + !!a.text + !!a.size != 1)
         fail("partition: give exactly one of --file, --text, --size");
-    Bytes content = a.file ? read_file(*a.file) : a.text ? to_bytes(*a.text) : Bytes(*a.size, a.fill);
+    Bytes content = a.file   ? read_file(*a.file)
+                    : a.text ? to_bytes(*a.text)
+                             : Bytes(*a.size, a.fill);
     zunf_pinfometa block = make_software_block(a.name, parse_ver(a.version), a.build_id, content);
     if (a.bad_block_body_crc) {
         block.hdr.body_crc = ~block.hdr.body_crc.get();
         reseal_software_block(block);
     }
-    if (a.bad_block_hdr_crc)
-        block.hdr.hdr_crc = ~block.hdr.hdr_crc.get();
+    if (a.bad_block_hdr_crc) block.hdr.hdr_crc = ~block.hdr.hdr_crc.get();
     return build_partition(*a.wts, block, content, a.gap_fill);
 }
 
-void print_parts(const Bytes &img)
-{
+void print_parts(const Bytes &img) {
     std::fprintf(stderr, "image: %zu bytes\n", img.size());
     std::size_t off = ZUNF_FIRST_PART_OFFSET;
     for (int i = 0; off + sizeof(zunf_content_header) <= img.size(); ++i) {
         const auto *h = reinterpret_cast<const zunf_content_header *>(img.data() + off);
         char name[ZUNF_NAME_LEN + 1] = {};
         std::memcpy(name, h->name, ZUNF_NAME_LEN);
-        std::fprintf(stderr, "part %d: offset %zu type %u hdr_length %u body_length %u name \"%s\"\n", i,
-                    off, static_cast<unsigned>(h->type_id.get()),
-                    static_cast<unsigned>(h->hdr_length.get()),
-                    static_cast<unsigned>(h->body_length.get()), name);
+        std::fprintf(stderr,
+                     "part %d: offset %zu type %u hdr_length %u body_length %u name \"%s\"\n", i,
+                     off, static_cast<unsigned>(h->type_id.get()),
+                     static_cast<unsigned>(h->hdr_length.get()),
+                     static_cast<unsigned>(h->body_length.get()), name);
         std::size_t step = zunf_pad4(h->hdr_length + h->body_length);
-        if (step == 0)
-            break;
+        if (step == 0) break;
         off += step;
     }
 }
 
-int run(int argc, char **argv)
-{
+int run(int argc, char **argv) {
     Args a = parse_args(argc, argv);
     Bytes out;
     if (a.command == "partition") {
@@ -605,8 +566,7 @@ int run(int argc, char **argv)
     } else {
         Mode mode = a.command == "hostconfig" ? Mode::hostconfig : Mode::image;
         std::vector<Directive> dirs;
-        if (!a.manifest.empty())
-            dirs = read_manifest(a.manifest);
+        if (!a.manifest.empty()) dirs = read_manifest(a.manifest);
         for (const std::string &e : a.exprs) {
             std::string word;
             Fields fields;
@@ -619,19 +579,16 @@ int run(int argc, char **argv)
         }
         for (const std::string &d : a.data) {
             std::size_t eq = d.find('=');
-            if (eq == std::string::npos || eq == 0)
-                fail("--data needs NAME=FILE");
+            if (eq == std::string::npos || eq == 0) fail("--data needs NAME=FILE");
             dirs.emplace_back("data", Fields{{"name", d.substr(0, eq)}, {"file", d.substr(eq + 1)}},
                               "", "--data=" + d);
         }
-        if (dirs.empty())
-            fail("no parts given (manifest, -e or --data)");
+        if (dirs.empty()) fail("no parts given (manifest, -e or --data)");
         ImageBuilder b;
         apply_directives(dirs, mode, b);
         b.set_faults(a.faults);
         out = b.build();
-        if (a.verbose)
-            print_parts(out);
+        if (a.verbose) print_parts(out);
         if (mode == Mode::hostconfig && out.size() > HOSTCONFIG_LIMIT)
             std::fprintf(stderr, "mkzunf: warning: hostconfig image of %zu bytes exceeds %zu\n",
                          out.size(), HOSTCONFIG_LIMIT);
@@ -647,8 +604,7 @@ int run(int argc, char **argv)
 
 } // namespace
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     if (argc >= 2 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)) {
         std::fputs(USAGE, stdout);
         return 0;

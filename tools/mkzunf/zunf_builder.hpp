@@ -38,26 +38,28 @@ Bytes to_bytes(std::string_view text);
 // Deliberate defects of an image. Every fault changes exactly one thing; the CRCs
 // around it are computed over the changed bytes so that they stay valid.
 struct ImageFaults {
-    std::optional<std::size_t> part_hdr_crc;   // part whose stored hdr_crc is wrong
-    std::optional<std::size_t> part_body_crc;  // part whose stored body_crc is wrong (hdr_crc covers it)
-    std::optional<std::size_t> part_hdr_length; // part whose hdr_length field says part_hdr_length_value
-    std::uint16_t part_hdr_length_value = 31;  // stored value; the layout itself is unchanged
-    bool image_hdr_crc = false;                // stored image hdr_crc is wrong
-    bool image_body_crc = false;               // stored image body_crc is wrong (hdr_crc covers it)
-    int bad_magic = 0;                         // 1: first half "FNUZ" broken, 2: second half "ZUNF"
-    std::optional<std::uint8_t> version;       // stored image version (hdr_crc covers it)
+    std::optional<std::size_t> part_hdr_crc; // part whose stored hdr_crc is wrong
+    std::optional<std::size_t>
+        part_body_crc; // part whose stored body_crc is wrong (hdr_crc covers it)
+    std::optional<std::size_t>
+        part_hdr_length; // part whose hdr_length field says part_hdr_length_value
+    std::uint16_t part_hdr_length_value = 31; // stored value; the layout itself is unchanged
+    bool image_hdr_crc = false;               // stored image hdr_crc is wrong
+    bool image_body_crc = false;              // stored image body_crc is wrong (hdr_crc covers it)
+    int bad_magic = 0;                        // 1: first half "FNUZ" broken, 2: second half "ZUNF"
+    std::optional<std::uint8_t> version;      // stored image version (hdr_crc covers it)
     std::optional<std::uint16_t> image_hdr_length; // stored image hdr_length, layout unchanged
-    std::optional<std::size_t> truncate_to;    // cut the finished image to this many bytes
-    Bytes garbage;                             // appended after the finished image
+    std::optional<std::size_t> truncate_to;        // cut the finished image to this many bytes
+    Bytes garbage;                                 // appended after the finished image
 };
 
 // One content part as laid out: a 32-byte common header, the type-specific header, zero
 // fill up to hdr_length, the body, zero padding to a multiple of 4.
 struct PartSpec {
     std::uint16_t type_id = ZUNF_TYPE_DATA;
-    std::string name;          // stored cut to 15 characters
+    std::string name; // stored cut to 15 characters
     std::uint16_t hdr_length = ZUNF_CONTENT_HDR_LEN;
-    Bytes type_header;         // bytes at part offset 32
+    Bytes type_header; // bytes at part offset 32
     Bytes body;
 };
 
