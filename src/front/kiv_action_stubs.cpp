@@ -9,14 +9,4 @@ static int not_built()
     return 1;
 }
 
-int kiv_initialize(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
-int kiv_info(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
-int kiv_mount(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
-int kiv_partset(kiv_options *, kivl_data *, hostconfig *) { return not_built(); }
 int kiv_install(kiv_options *) { return not_built(); }
-int kiv_getrh(kiv_options *) { return not_built(); }
-int kiv_partinfo(kiv_options *) { return not_built(); }
-int kiv_activate(kiv_options *) { return not_built(); }
-int kiv_upgrade(kiv_options *) { return not_built(); }
-int verify_sets(kiv_options *) { return not_built(); }
-int kiv_getpartset(kiv_options *) { return not_built(); }
