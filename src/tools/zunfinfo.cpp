@@ -33,8 +33,7 @@ struct zunfinfo_ctx {
 // Chunk consumer for kiv_feed_file: `buffer` is the start of the image buffer and the
 // count new bytes lie behind those handed over before. Returns count to go on reading,
 // 0 to stop.
-std::size_t zunfinfo_consume(void *buffer, std::size_t size, std::size_t count, void *context)
-{
+std::size_t zunfinfo_consume(void *buffer, std::size_t size, std::size_t count, void *context) {
     auto *ctx = static_cast<zunfinfo_ctx *>(context);
     QX_ASSERT(MODULE, ctx != nullptr && buffer != nullptr);
     zunf_stream_parser *parser = ctx->parser;
@@ -65,8 +64,7 @@ std::size_t zunfinfo_consume(void *buffer, std::size_t size, std::size_t count, 
     return r == ZUNF_SP_MORE ? len : 0;
 }
 
-const zunf_content_header *slot(const zunf_stream_parser *parser, int i)
-{
+const zunf_content_header *slot(const zunf_stream_parser *parser, int i) {
     QX_ASSERT(MODULE, i >= 0 && i < static_cast<int>(ZUNF_MAX_PARTS));
     return zunf_stream_parser_content_parts(parser)[i];
 }
@@ -75,8 +73,7 @@ const zunf_content_header *slot(const zunf_stream_parser *parser, int i)
 // part may claim a type without the header bytes behind it; only bytes the parser holds
 // are copied, the rest reads as zero, as the unfilled part of a zeroed buffer would.
 template <typename T>
-T type_header(const zunf_stream_parser *parser, const zunf_content_header *part)
-{
+T type_header(const zunf_stream_parser *parser, const zunf_content_header *part) {
     T rec{};
     const std::uint8_t *from = zunf_bytes(part) + ZUNF_CONTENT_HDR_LEN;
     std::size_t at = static_cast<std::size_t>(from - parser->buffer);
@@ -87,8 +84,7 @@ T type_header(const zunf_stream_parser *parser, const zunf_content_header *part)
 
 } // namespace
 
-void zunf_content_info_print(const zunf_stream_parser *parser, int i)
-{
+void zunf_content_info_print(const zunf_stream_parser *parser, int i) {
     QX_ASSERT(MODULE, parser != nullptr);
     qx_printf("valid...................: %i\n",
               zunf_stream_parser_content_part_is_valid(parser, i));
@@ -96,8 +92,7 @@ void zunf_content_info_print(const zunf_stream_parser *parser, int i)
     qx_printf("validated_by_signature..: %i\n", parser->info[i].validated_by_signature);
 }
 
-void zunf_release_header_print(const zunf_stream_parser *parser, int i)
-{
+void zunf_release_header_print(const zunf_stream_parser *parser, int i) {
     QX_ASSERT(MODULE, parser != nullptr);
     const zunf_content_header *part = slot(parser, i);
     if (part == nullptr) {
@@ -113,8 +108,7 @@ void zunf_release_header_print(const zunf_stream_parser *parser, int i)
               rh.release_build_id);
 }
 
-void zunf_content_software_print(const zunf_stream_parser *parser, int i)
-{
+void zunf_content_software_print(const zunf_stream_parser *parser, int i) {
     QX_ASSERT(MODULE, parser != nullptr);
     const zunf_content_header *part = slot(parser, i);
     if (part == nullptr) {
@@ -129,8 +123,7 @@ void zunf_content_software_print(const zunf_stream_parser *parser, int i)
               sw.sw_build_id);
 }
 
-int kiv_zunfinfo(kiv_options *options)
-{
+int kiv_zunfinfo(kiv_options *options) {
     QX_ASSERT(MODULE, options != nullptr);
     const char *path = options->nargs > 1 ? options->args[1] : nullptr;
     if (path == nullptr) {

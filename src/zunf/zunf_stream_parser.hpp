@@ -16,19 +16,19 @@
 
 // status
 enum : std::int32_t {
-    ZUNF_SP_INIT = 1,              // waiting for the image header
-    ZUNF_SP_PARTS = 2,             // header accepted, parsing content parts
-    ZUNF_SP_DONE = 3,              // the last part ended exactly at the image end
-    ZUNF_SP_FAILED = -1,           // the image was rejected; nothing more is parsed
+    ZUNF_SP_INIT = 1,    // waiting for the image header
+    ZUNF_SP_PARTS = 2,   // header accepted, parsing content parts
+    ZUNF_SP_DONE = 3,    // the last part ended exactly at the image end
+    ZUNF_SP_FAILED = -1, // the image was rejected; nothing more is parsed
 };
 
 // part_state: position within the current content part.
 enum : std::uint32_t {
     ZUNF_SP_PART_START = 0,
-    ZUNF_SP_PART_COMMON_HDR = 1,   // expecting the 32-byte common header
-    ZUNF_SP_PART_TYPE_HDR = 2,     // expecting the rest of the part header
-    ZUNF_SP_PART_BODY = 3,         // header accepted, expecting the padded body
-    ZUNF_SP_PART_IMAGE_END = 4,    // image complete
+    ZUNF_SP_PART_COMMON_HDR = 1, // expecting the 32-byte common header
+    ZUNF_SP_PART_TYPE_HDR = 2,   // expecting the rest of the part header
+    ZUNF_SP_PART_BODY = 3,       // header accepted, expecting the padded body
+    ZUNF_SP_PART_IMAGE_END = 4,  // image complete
 };
 
 // Results of zunf_stream_parser_hdr and zunf_stream_parser_next. Every negative result

@@ -33,8 +33,7 @@ constexpr std::uint8_t NOT_YET_RECEIVED = 0xA5;
 class ArrivalBuffer {
   public:
     explicit ArrivalBuffer(std::size_t size)
-        : bytes_(std::max<std::size_t>(size, 1), NOT_YET_RECEIVED)
-    {
+        : bytes_(std::max<std::size_t>(size, 1), NOT_YET_RECEIVED) {
         fence(0);
     }
     ~ArrivalBuffer() { unfence(); }
@@ -43,8 +42,7 @@ class ArrivalBuffer {
 
     std::uint8_t *data() { return bytes_.data(); }
     // Places image bytes [from, from + n) at the same offset; only they become readable.
-    void arrive(const Bytes &image, std::size_t from, std::size_t n)
-    {
+    void arrive(const Bytes &image, std::size_t from, std::size_t n) {
         unfence();
         std::copy_n(image.begin() + static_cast<std::ptrdiff_t>(from), n,
                     bytes_.begin() + static_cast<std::ptrdiff_t>(from));
@@ -52,15 +50,13 @@ class ArrivalBuffer {
     }
 
   private:
-    void fence([[maybe_unused]] std::size_t readable)
-    {
+    void fence([[maybe_unused]] std::size_t readable) {
 #if defined(__SANITIZE_ADDRESS__)
         fenced_ = readable;
         __asan_poison_memory_region(bytes_.data() + readable, bytes_.size() - readable);
 #endif
     }
-    void unfence()
-    {
+    void unfence() {
 #if defined(__SANITIZE_ADDRESS__)
         __asan_unpoison_memory_region(bytes_.data() + fenced_, bytes_.size() - fenced_);
 #endif
@@ -81,8 +77,7 @@ struct Outcome {
     bool operator==(const Outcome &) const = default;
 };
 
-Outcome observe(const zunf_stream_parser &p, const std::uint8_t *buffer, int last, bool only_more)
-{
+Outcome observe(const zunf_stream_parser &p, const std::uint8_t *buffer, int last, bool only_more) {
     Outcome o;
     o.last = last;
     o.only_more_before_last = only_more;
@@ -102,8 +97,7 @@ Outcome observe(const zunf_stream_parser &p, const std::uint8_t *buffer, int las
 // Feeds the image the way both callers do: nothing until 24 bytes are held, then the
 // header step with 24 and next with the rest held so far, then every chunk whole.
 // The first chunk is `first` bytes, every later one `step` bytes.
-Outcome feed(const Bytes &image, std::size_t first, std::size_t step)
-{
+Outcome feed(const Bytes &image, std::size_t first, std::size_t step) {
     ArrivalBuffer buf(image.size());
     zunf_stream_parser p;
     EXPECT_EQ(zunf_stream_parser_init(&p, buf.data()), &p);
@@ -115,31 +109,26 @@ Outcome feed(const Bytes &image, std::size_t first, std::size_t step)
         held += n;
         int r;
         if (p.status == ZUNF_SP_INIT) {
-            if (held < ZUNF_SP_HDR_BYTES)
-                continue;
+            if (held < ZUNF_SP_HDR_BYTES) continue;
             r = zunf_stream_parser_hdr(&p, ZUNF_SP_HDR_BYTES);
             results.push_back(r);
-            if (r != ZUNF_SP_HDR_OK)
-                break;
+            if (r != ZUNF_SP_HDR_OK) break;
             r = zunf_stream_parser_next(&p, static_cast<std::uint32_t>(held - ZUNF_SP_HDR_BYTES));
         } else {
             r = zunf_stream_parser_next(&p, static_cast<std::uint32_t>(n));
         }
         results.push_back(r);
-        if (r != ZUNF_SP_MORE)
-            break;
+        if (r != ZUNF_SP_MORE) break;
     }
     int last = results.empty() ? 0 : results.back();
-    bool only_more = results.empty() ||
-                     std::all_of(results.begin(), results.end() - 1, [](int r) {
+    bool only_more = results.empty() || std::all_of(results.begin(), results.end() - 1, [](int r) {
                          return r == ZUNF_SP_MORE || r == ZUNF_SP_HDR_OK;
                      });
     return observe(p, buf.data(), last, only_more);
 }
 
 // Header offsets of the parts of a well-formed image, in order.
-std::vector<std::int64_t> part_offsets(const Bytes &image, std::size_t count)
-{
+std::vector<std::int64_t> part_offsets(const Bytes &image, std::size_t count) {
     std::vector<std::int64_t> offs;
     std::size_t off = ZUNF_FIRST_PART_OFFSET;
     for (std::size_t i = 0; i < count; ++i) {
@@ -151,8 +140,7 @@ std::vector<std::int64_t> part_offsets(const Bytes &image, std::size_t count)
 }
 
 // Field by field: the record's padding bytes carry no meaning.
-bool same_record(const zunf_stream_parser &a, const zunf_stream_parser &b)
-{
+bool same_record(const zunf_stream_parser &a, const zunf_stream_parser &b) {
     bool same = a.status == b.status && a.buffer == b.buffer && a.header == b.header &&
                 a.offset == b.offset && a.current == b.current && a.index == b.index &&
                 a.available == b.available && a.end_offset == b.end_offset &&
@@ -169,28 +157,23 @@ bool same_record(const zunf_stream_parser &a, const zunf_stream_parser &b)
     return same;
 }
 
-zunf_image_header &image_header(Bytes &image)
-{
+zunf_image_header &image_header(Bytes &image) {
     return *reinterpret_cast<zunf_image_header *>(image.data() + ZUNF_MAGIC_LEN);
 }
 
-zunf_content_header &part_at(Bytes &image, std::size_t offset)
-{
+zunf_content_header &part_at(Bytes &image, std::size_t offset) {
     return *reinterpret_cast<zunf_content_header *>(image.data() + offset);
 }
 
-void reseal_part_header(zunf_content_header &h)
-{
+void reseal_part_header(zunf_content_header &h) {
     h.hdr_crc = crc32_calc(0, zunf_bytes(&h) + 4, h.hdr_length - 4u);
 }
 
-Bytes text(std::string_view s)
-{
+Bytes text(std::string_view s) {
     return mkzunf::to_bytes(s);
 }
 
-ImageBuilder release_image()
-{
+ImageBuilder release_image() {
     ImageBuilder b;
     b.add_release_header({2, 7, 301}, 1700000000, "build-2.7.301", "products=alpha,beta\nfirst");
     b.add_kivm("pool,part,x\n");
@@ -200,8 +183,7 @@ ImageBuilder release_image()
     return b;
 }
 
-ImageBuilder parts_image(std::size_t n)
-{
+ImageBuilder parts_image(std::size_t n) {
     ImageBuilder b;
     for (std::size_t i = 0; i < n; ++i)
         b.add_data("p" + std::to_string(i), text(std::string(i % 5, 'q')));
@@ -217,45 +199,114 @@ struct Case {
     std::vector<int> flags; // valid flags of the first parts; the rest must be 0
 };
 
-std::vector<Case> cases()
-{
+std::vector<Case> cases() {
     std::vector<Case> c;
-    c.push_back({"release image", release_image().build(), ZUNF_SP_COMPLETE, ZUNF_SP_DONE, 5, 5, 0,
-                 5, {1, 1, 1, 1, 1}});
-    c.push_back({"single empty part", ImageBuilder().add_data("e", {}).build(), ZUNF_SP_COMPLETE,
-                 ZUNF_SP_DONE, 1, 1, 0, 1, {1}});
+    c.push_back({"release image",
+                 release_image().build(),
+                 ZUNF_SP_COMPLETE,
+                 ZUNF_SP_DONE,
+                 5,
+                 5,
+                 0,
+                 5,
+                 {1, 1, 1, 1, 1}});
+    c.push_back({"single empty part",
+                 ImageBuilder().add_data("e", {}).build(),
+                 ZUNF_SP_COMPLETE,
+                 ZUNF_SP_DONE,
+                 1,
+                 1,
+                 0,
+                 1,
+                 {1}});
     c.push_back({"twenty parts", parts_image(20).build(), ZUNF_SP_COMPLETE, ZUNF_SP_DONE, 20, 20, 0,
                  20, std::vector<int>(20, 1)});
-    c.push_back({"body crc of part 2 fails", release_image().fault_part_body_crc(2).build(),
-                 ZUNF_SP_COMPLETE, ZUNF_SP_DONE, 5, 4, 1, 5, {1, 1, -1, 1, 1}});
-    c.push_back({"bad magic first half", release_image().fault_bad_magic(1).build(),
-                 ZUNF_SP_ERR_MAGIC, ZUNF_SP_FAILED, 0, 0, 0, 0, {}});
-    c.push_back({"bad magic second half", release_image().fault_bad_magic(2).build(),
-                 ZUNF_SP_ERR_MAGIC, ZUNF_SP_FAILED, 0, 0, 0, 0, {}});
+    c.push_back({"body crc of part 2 fails",
+                 release_image().fault_part_body_crc(2).build(),
+                 ZUNF_SP_COMPLETE,
+                 ZUNF_SP_DONE,
+                 5,
+                 4,
+                 1,
+                 5,
+                 {1, 1, -1, 1, 1}});
+    c.push_back({"bad magic first half",
+                 release_image().fault_bad_magic(1).build(),
+                 ZUNF_SP_ERR_MAGIC,
+                 ZUNF_SP_FAILED,
+                 0,
+                 0,
+                 0,
+                 0,
+                 {}});
+    c.push_back({"bad magic second half",
+                 release_image().fault_bad_magic(2).build(),
+                 ZUNF_SP_ERR_MAGIC,
+                 ZUNF_SP_FAILED,
+                 0,
+                 0,
+                 0,
+                 0,
+                 {}});
     Bytes swapped = release_image().build();
     std::copy_n(ZUNF_MAGIC + 4, 4, swapped.begin());
-    c.push_back({"second half of magic first", swapped, ZUNF_SP_ERR_MAGIC, ZUNF_SP_FAILED, 0, 0, 0,
-                 0, {}});
-    c.push_back({"version 2", release_image().fault_version(2).build(), ZUNF_SP_ERR_VERSION,
-                 ZUNF_SP_FAILED, 0, 0, 0, 0, {}});
-    c.push_back({"part hdr_length 31", release_image().fault_part_hdr_length(1, 31).build(),
-                 ZUNF_SP_ERR_PART_HDR_LENGTH, ZUNF_SP_FAILED, 1, 1, 0, 1, {1}});
-    c.push_back({"part hdr_length 0", release_image().fault_part_hdr_length(0, 0).build(),
-                 ZUNF_SP_ERR_PART_HDR_LENGTH, ZUNF_SP_FAILED, 0, 0, 0, 0, {}});
-    c.push_back({"part 3 header crc", release_image().fault_part_hdr_crc(3).build(),
-                 ZUNF_SP_ERR_PART_HDR_CRC, ZUNF_SP_FAILED, 3, 3, 0, 3, {1, 1, 1}});
+    c.push_back(
+        {"second half of magic first", swapped, ZUNF_SP_ERR_MAGIC, ZUNF_SP_FAILED, 0, 0, 0, 0, {}});
+    c.push_back({"version 2",
+                 release_image().fault_version(2).build(),
+                 ZUNF_SP_ERR_VERSION,
+                 ZUNF_SP_FAILED,
+                 0,
+                 0,
+                 0,
+                 0,
+                 {}});
+    c.push_back({"part hdr_length 31",
+                 release_image().fault_part_hdr_length(1, 31).build(),
+                 ZUNF_SP_ERR_PART_HDR_LENGTH,
+                 ZUNF_SP_FAILED,
+                 1,
+                 1,
+                 0,
+                 1,
+                 {1}});
+    c.push_back({"part hdr_length 0",
+                 release_image().fault_part_hdr_length(0, 0).build(),
+                 ZUNF_SP_ERR_PART_HDR_LENGTH,
+                 ZUNF_SP_FAILED,
+                 0,
+                 0,
+                 0,
+                 0,
+                 {}});
+    c.push_back({"part 3 header crc",
+                 release_image().fault_part_hdr_crc(3).build(),
+                 ZUNF_SP_ERR_PART_HDR_CRC,
+                 ZUNF_SP_FAILED,
+                 3,
+                 3,
+                 0,
+                 3,
+                 {1, 1, 1}});
 
     // The parts run 4 bytes past what the image header says the body holds.
     Bytes overrun = release_image().build();
     image_header(overrun).body_length = image_header(overrun).body_length - 4u;
-    c.push_back({"parts overrun the image by 4", overrun, ZUNF_SP_ERR_OVERRUN, ZUNF_SP_FAILED, 5, 5,
-                 0, 5, {1, 1, 1, 1, 1}});
+    c.push_back({"parts overrun the image by 4",
+                 overrun,
+                 ZUNF_SP_ERR_OVERRUN,
+                 ZUNF_SP_FAILED,
+                 5,
+                 5,
+                 0,
+                 5,
+                 {1, 1, 1, 1, 1}});
 
     // The last body (3 bytes) lacks its padding byte: the image can never complete.
     Bytes unpadded = release_image().build();
     unpadded.pop_back();
-    c.push_back({"last padding missing", unpadded, ZUNF_SP_MORE, ZUNF_SP_PARTS, 4, 4, 0, 5,
-                 {1, 1, 1, 1}});
+    c.push_back(
+        {"last padding missing", unpadded, ZUNF_SP_MORE, ZUNF_SP_PARTS, 4, 4, 0, 5, {1, 1, 1, 1}});
 
     c.push_back({"twenty-one parts", parts_image(21).build(), ZUNF_SP_ERR_TOO_MANY_PARTS,
                  ZUNF_SP_FAILED, 20, 20, 0, 20, std::vector<int>(20, 1)});
@@ -263,7 +314,14 @@ std::vector<Case> cases()
     // Image end beyond 4 GiB: held at the largest offset, the parts parse, the image waits.
     Bytes huge_image = release_image().build();
     image_header(huge_image).body_length = 0xFFFFFFFFu;
-    c.push_back({"image body_length 4 GiB", huge_image, ZUNF_SP_MORE, ZUNF_SP_PARTS, 5, 5, 0, 5,
+    c.push_back({"image body_length 4 GiB",
+                 huge_image,
+                 ZUNF_SP_MORE,
+                 ZUNF_SP_PARTS,
+                 5,
+                 5,
+                 0,
+                 5,
                  {1, 1, 1, 1, 1}});
 
     // A part claiming a body that cannot be padded in 32 bits must simply wait for it.
@@ -274,13 +332,12 @@ std::vector<Case> cases()
         h.body_length = 0xFFFFFFFDu;
         reseal_part_header(h);
     }
-    c.push_back({"part body_length near 4 GiB", huge_part, ZUNF_SP_MORE, ZUNF_SP_PARTS, 1, 1, 0, 2,
-                 {1}});
+    c.push_back(
+        {"part body_length near 4 GiB", huge_part, ZUNF_SP_MORE, ZUNF_SP_PARTS, 1, 1, 0, 2, {1}});
     return c;
 }
 
-TEST(ZunfStreamParser, OutcomeOfEveryImageMatchesItsExpectation)
-{
+TEST(ZunfStreamParser, OutcomeOfEveryImageMatchesItsExpectation) {
     for (const Case &c : cases()) {
         SCOPED_TRACE(c.name);
         Outcome o = feed(c.image, c.image.size(), c.image.size());
@@ -299,8 +356,7 @@ TEST(ZunfStreamParser, OutcomeOfEveryImageMatchesItsExpectation)
     }
 }
 
-TEST(ZunfStreamParser, PartSlotsPointAtThePartHeaders)
-{
+TEST(ZunfStreamParser, PartSlotsPointAtThePartHeaders) {
     Bytes image = release_image().build();
     Outcome o = feed(image, image.size(), image.size());
     auto offs = part_offsets(image, 5);
@@ -308,8 +364,7 @@ TEST(ZunfStreamParser, PartSlotsPointAtThePartHeaders)
         EXPECT_EQ(o.slots[i], offs[i]);
 }
 
-TEST(ZunfStreamParser, EveryChunkSizeGivesTheSameOutcome)
-{
+TEST(ZunfStreamParser, EveryChunkSizeGivesTheSameOutcome) {
     for (const Case &c : cases()) {
         SCOPED_TRACE(c.name);
         Outcome whole = feed(c.image, c.image.size(), c.image.size());
@@ -326,8 +381,7 @@ TEST(ZunfStreamParser, EveryChunkSizeGivesTheSameOutcome)
     }
 }
 
-TEST(ZunfStreamParser, LargeBodyInAnyChunking)
-{
+TEST(ZunfStreamParser, LargeBodyInAnyChunking) {
     Bytes content(3001);
     for (std::size_t i = 0; i < content.size(); ++i)
         content[i] = static_cast<std::uint8_t>(i * 7 + 3);
@@ -344,8 +398,7 @@ TEST(ZunfStreamParser, LargeBodyInAnyChunking)
 
 // Feeds one byte at a time until the parser has accepted `headers` part headers.
 std::size_t feed_until_headers(zunf_stream_parser &p, ArrivalBuffer &buf, const Bytes &image,
-                               std::int32_t headers)
-{
+                               std::int32_t headers) {
     std::size_t held = ZUNF_SP_HDR_BYTES;
     buf.arrive(image, 0, held);
     EXPECT_EQ(zunf_stream_parser_hdr(&p, ZUNF_SP_HDR_BYTES), ZUNF_SP_HDR_OK);
@@ -359,8 +412,7 @@ std::size_t feed_until_headers(zunf_stream_parser &p, ArrivalBuffer &buf, const 
     return held;
 }
 
-TEST(ZunfStreamParser, SkipStepsOverTheBodyAndFeedingResumesBehindIt)
-{
+TEST(ZunfStreamParser, SkipStepsOverTheBodyAndFeedingResumesBehindIt) {
     Bytes image = release_image().build();
     auto offs = part_offsets(image, 5);
     ArrivalBuffer buf(image.size());
@@ -394,8 +446,7 @@ TEST(ZunfStreamParser, SkipStepsOverTheBodyAndFeedingResumesBehindIt)
     EXPECT_EQ(o.slots[4], offs[4]);
 }
 
-TEST(ZunfStreamParser, SkipOfTheLastPartCompletesTheImage)
-{
+TEST(ZunfStreamParser, SkipOfTheLastPartCompletesTheImage) {
     Bytes image = release_image().build();
     ArrivalBuffer buf(image.size());
     zunf_stream_parser p;
@@ -409,8 +460,7 @@ TEST(ZunfStreamParser, SkipOfTheLastPartCompletesTheImage)
     EXPECT_EQ(zunf_stream_parser_content_parts(&p)[4], nullptr);
 }
 
-TEST(ZunfStreamParser, SkipOfTheTwentiethPartShortOfTheEndRejectsTheImage)
-{
+TEST(ZunfStreamParser, SkipOfTheTwentiethPartShortOfTheEndRejectsTheImage) {
     Bytes image = parts_image(21).build();
     auto offs = part_offsets(image, 21);
     ArrivalBuffer buf(image.size());
@@ -422,8 +472,7 @@ TEST(ZunfStreamParser, SkipOfTheTwentiethPartShortOfTheEndRejectsTheImage)
     EXPECT_EQ(zunf_stream_parser_get_found_content_parts(&p), 20);
 }
 
-TEST(ZunfStreamParser, SkipOfABodyPastTheImageEndRejectsTheImage)
-{
+TEST(ZunfStreamParser, SkipOfABodyPastTheImageEndRejectsTheImage) {
     struct Variant {
         const char *name;
         void (*patch)(Bytes &);
@@ -455,8 +504,7 @@ TEST(ZunfStreamParser, SkipOfABodyPastTheImageEndRejectsTheImage)
     }
 }
 
-TEST(ZunfStreamParser, NextWithNothingNewChangesNothing)
-{
+TEST(ZunfStreamParser, NextWithNothingNewChangesNothing) {
     Bytes image = release_image().build();
     const std::size_t helds[] = {24, 50, 130, image.size() - 1};
     for (std::size_t held : helds) {
@@ -473,8 +521,7 @@ TEST(ZunfStreamParser, NextWithNothingNewChangesNothing)
     }
 }
 
-TEST(ZunfStreamParser, HeaderStepPlacesTheFirstPartBehindTheClaimedHeaderLength)
-{
+TEST(ZunfStreamParser, HeaderStepPlacesTheFirstPartBehindTheClaimedHeaderLength) {
     Bytes image = release_image().fault_image_hdr_length(20).build();
     ArrivalBuffer buf(image.size());
     buf.arrive(image, 0, image.size());
@@ -487,8 +534,7 @@ TEST(ZunfStreamParser, HeaderStepPlacesTheFirstPartBehindTheClaimedHeaderLength)
     EXPECT_EQ(p.status, ZUNF_SP_PARTS);
 }
 
-TEST(ZunfStreamParser, InitResetsARecordAndAllocatesWhenGivenNone)
-{
+TEST(ZunfStreamParser, InitResetsARecordAndAllocatesWhenGivenNone) {
     std::uint8_t buffer[4] = {};
     zunf_stream_parser dirty;
     std::memset(static_cast<void *>(&dirty), 0x5A, sizeof dirty);
@@ -526,8 +572,7 @@ TEST(ZunfStreamParser, InitResetsARecordAndAllocatesWhenGivenNone)
         },                                                                                         \
         "Panic: \\*\\*\\* ASSERT in zunf_stream_parser at [0-9]+")
 
-TEST(ZunfStreamParserDeathTest, MisuseIsAnAssertion)
-{
+TEST(ZunfStreamParserDeathTest, MisuseIsAnAssertion) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     Bytes image = release_image().build();
     Bytes buffer = image;
