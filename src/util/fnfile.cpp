@@ -1,6 +1,7 @@
 #include "util/fnfile.hpp"
 
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <sys/stat.h>
 
@@ -53,5 +54,8 @@ std::int32_t fnsize(const char *path)
     struct stat st;
     if (::stat(path, &st) != 0)
         return -1;
-    return static_cast<std::int32_t>(st.st_size);
+    // A size beyond the 32-bit result is reported as the largest one, so that a huge
+    // file reads as too big rather than as negative (unopenable) or small.
+    constexpr off_t largest = INT32_MAX;
+    return static_cast<std::int32_t>(st.st_size > largest ? largest : st.st_size);
 }
