@@ -23,8 +23,7 @@ int load(const kiv_options *options, kivl_data *data, hostconfig *hc);
 // current record as "KIV data"; backup first under the same rule as load, inside a
 // critical part naming `caller`. `loaded` is not changed. Returns 1, or -1 (logged at
 // LOG_DEBUG).
-int save(const kiv_options *options, kivl_data *data, const hostconfig *loaded,
-         const char *caller);
+int save(const kiv_options *options, kivl_data *data, const hostconfig *loaded, const char *caller);
 
 // Reads the file into buffer (at most `size` bytes, at most two reads) and hands each read
 // to the consumer. Returns the bytes consumed, or 0 when the file cannot be opened or

@@ -17,8 +17,7 @@ constexpr std::size_t LOG_LEN = 128;
 
 // MTD failures go to the system log only: the callers decide what the operator sees.
 void mtd_log(const char *format, ...) QX_PRINTF(1, 2);
-void mtd_log(const char *format, ...)
-{
+void mtd_log(const char *format, ...) {
     char text[LOG_LEN];
     va_list args;
     va_start(args, format);
@@ -28,40 +27,31 @@ void mtd_log(const char *format, ...)
 }
 } // namespace
 
-bool mtd_path_is_mtd(const char *path)
-{
+bool mtd_path_is_mtd(const char *path) {
     return path != nullptr && std::strncmp(path, MTD_PREFIX, MTD_PREFIX_LEN) == 0;
 }
 
-int mtd_fn_is_locked(const char *path)
-{
+int mtd_fn_is_locked(const char *path) {
     Fd fd(::open(path, O_RDONLY));
-    if (!fd)
-        return -1;
+    if (!fd) return -1;
     return mtd_is_locked(fd.get());
 }
 
-int mtd_fn_erase(const char *path, std::uint32_t offset, std::uint32_t length)
-{
+int mtd_fn_erase(const char *path, std::uint32_t offset, std::uint32_t length) {
     Fd fd(::open(path, O_RDWR));
-    if (!fd)
-        return -1;
+    if (!fd) return -1;
     return mtd_erase(fd.get(), offset, length);
 }
 
-int _mtd_get_info(int fd, mtd_info_user *info)
-{
+int _mtd_get_info(int fd, mtd_info_user *info) {
     int r = ::ioctl(fd, MEMGETINFO, info);
-    if (r != 0)
-        mtd_log("%s: GetInfo failed(%d)\n", "_mtd_get_info", r);
+    if (r != 0) mtd_log("%s: GetInfo failed(%d)\n", "_mtd_get_info", r);
     return r;
 }
 
-int mtd_is_locked(int fd)
-{
+int mtd_is_locked(int fd) {
     mtd_info_user info{};
-    if (_mtd_get_info(fd, &info) != 0)
-        return -1;
+    if (_mtd_get_info(fd, &info) != 0) return -1;
     erase_info_user region{};
     region.start = 0;
     region.length = info.size;
@@ -73,21 +63,15 @@ int mtd_is_locked(int fd)
     return r;
 }
 
-int mtd_erase(int fd, std::uint32_t offset, std::uint32_t length)
-{
+int mtd_erase(int fd, std::uint32_t offset, std::uint32_t length) {
     mtd_info_user info{};
-    if (_mtd_get_info(fd, &info) != 0)
-        return MTD_ERR_GETINFO;
+    if (_mtd_get_info(fd, &info) != 0) return MTD_ERR_GETINFO;
     // A device without an erase block size cannot be erased block by block.
-    if (info.erasesize == 0)
-        return MTD_ERR_GETINFO;
-    if (offset % info.erasesize != 0)
-        return MTD_ERR_ALIGN;
-    if (length == 0)
-        length = info.size - offset;
+    if (info.erasesize == 0) return MTD_ERR_GETINFO;
+    if (offset % info.erasesize != 0) return MTD_ERR_ALIGN;
+    if (length == 0) length = info.size - offset;
     // Summed in 64 bits so that a huge length cannot wrap past the device end check.
-    if (std::uint64_t{offset} + length > info.size)
-        return MTD_ERR_RANGE;
+    if (std::uint64_t{offset} + length > info.size) return MTD_ERR_RANGE;
     std::uint64_t blocks = (std::uint64_t{length} + info.erasesize - 1) / info.erasesize;
     for (std::uint64_t k = 0; k < blocks; ++k) {
         erase_info_user region{};

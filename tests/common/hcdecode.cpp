@@ -8,8 +8,7 @@ namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
-std::uint32_t crc_update(std::uint32_t crc, Bytes bytes)
-{
+std::uint32_t crc_update(std::uint32_t crc, Bytes bytes) {
     // Bit at a time on purpose: nothing in common with the product's table code.
     crc = ~crc;
     for (std::uint8_t byte : bytes) {
@@ -20,28 +19,24 @@ std::uint32_t crc_update(std::uint32_t crc, Bytes bytes)
     return ~crc;
 }
 
-void put16(std::vector<std::uint8_t> &b, std::size_t off, std::uint16_t v)
-{
+void put16(std::vector<std::uint8_t> &b, std::size_t off, std::uint16_t v) {
     b[off] = static_cast<std::uint8_t>(v);
     b[off + 1] = static_cast<std::uint8_t>(v >> 8);
 }
 
-void put32(std::vector<std::uint8_t> &b, std::size_t off, std::uint32_t v)
-{
+void put32(std::vector<std::uint8_t> &b, std::size_t off, std::uint32_t v) {
     for (int i = 0; i < 4; ++i)
         b[off + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
 }
 
 void put_text(std::vector<std::uint8_t> &b, std::size_t off, std::size_t width,
-              const std::string &s)
-{
+              const std::string &s) {
     std::size_t n = std::min(s.size(), width - 1);
     for (std::size_t i = 0; i < width; ++i)
         b[off + i] = i < n ? static_cast<std::uint8_t>(s[i]) : 0;
 }
 
-std::uint32_t pad4(std::uint64_t n)
-{
+std::uint32_t pad4(std::uint64_t n) {
     return static_cast<std::uint32_t>((n + 3) & ~std::uint64_t{3});
 }
 
@@ -49,59 +44,48 @@ const std::uint8_t MAGIC[8] = {'F', 'N', 'U', 'Z', 'Z', 'U', 'N', 'F'};
 
 } // namespace
 
-std::uint32_t crc32(Bytes bytes)
-{
+std::uint32_t crc32(Bytes bytes) {
     return crc_update(0, bytes);
 }
 
-std::uint16_t get16(Bytes b, std::size_t off)
-{
+std::uint16_t get16(Bytes b, std::size_t off) {
     std::uint16_t v = 0;
     for (std::size_t i = 0; i < 2; ++i)
-        if (off + i < b.size())
-            v = static_cast<std::uint16_t>(v | (b[off + i] << (8 * i)));
+        if (off + i < b.size()) v = static_cast<std::uint16_t>(v | (b[off + i] << (8 * i)));
     return v;
 }
 
-std::uint32_t get32(Bytes b, std::size_t off)
-{
+std::uint32_t get32(Bytes b, std::size_t off) {
     std::uint32_t v = 0;
     for (std::size_t i = 0; i < 4; ++i)
-        if (off + i < b.size())
-            v |= static_cast<std::uint32_t>(b[off + i]) << (8 * i);
+        if (off + i < b.size()) v |= static_cast<std::uint32_t>(b[off + i]) << (8 * i);
     return v;
 }
 
-std::string get_text(Bytes b, std::size_t off, std::size_t width)
-{
+std::string get_text(Bytes b, std::size_t off, std::size_t width) {
     std::string s;
     for (std::size_t i = 0; i < width && off + i < b.size() && b[off + i] != 0; ++i)
         s.push_back(static_cast<char>(b[off + i]));
     return s;
 }
 
-const Part *Image::find(std::string_view wanted) const
-{
+const Part *Image::find(std::string_view wanted) const {
     for (const Part &p : parts)
-        if (p.name == wanted)
-            return &p;
+        if (p.name == wanted) return &p;
     return nullptr;
 }
 
-std::vector<std::string> Image::names() const
-{
+std::vector<std::string> Image::names() const {
     std::vector<std::string> out;
     for (const Part &p : parts)
         out.push_back(p.name);
     return out;
 }
 
-Image decode_image(Bytes bytes)
-{
+Image decode_image(Bytes bytes) {
     Image img;
     auto fail = [&img](std::string why) {
-        if (img.error.empty())
-            img.error = std::move(why);
+        if (img.error.empty()) img.error = std::move(why);
     };
     if (bytes.size() < 24) {
         img.error = "shorter than 24 bytes";
@@ -116,16 +100,12 @@ Image decode_image(Bytes bytes)
     img.body_crc = get32(bytes, 20);
     img.size = 8u + img.hdr_length + std::size_t{img.body_length};
 
-    if (!img.magic_ok)
-        fail("bad magic");
-    if (img.version != 1)
-        fail("version " + std::to_string(img.version));
-    if (img.hdr_length != 16)
-        fail("image hdr_length " + std::to_string(img.hdr_length));
+    if (!img.magic_ok) fail("bad magic");
+    if (img.version != 1) fail("version " + std::to_string(img.version));
+    if (img.hdr_length != 16) fail("image hdr_length " + std::to_string(img.hdr_length));
     if (img.hdr_length >= 4 && 8u + img.hdr_length <= bytes.size())
         img.hdr_crc_ok = crc32(bytes.subspan(12, img.hdr_length - 4u)) == img.hdr_crc;
-    if (!img.hdr_crc_ok)
-        fail("image hdr_crc");
+    if (!img.hdr_crc_ok) fail("image hdr_crc");
     if (img.size > bytes.size()) {
         fail("image runs past the bytes given (" + std::to_string(img.size) + " > " +
              std::to_string(bytes.size()) + ")");
@@ -133,8 +113,7 @@ Image decode_image(Bytes bytes)
     }
     std::size_t body_start = 8u + img.hdr_length;
     img.body_crc_ok = crc32(bytes.subspan(body_start, img.body_length)) == img.body_crc;
-    if (!img.body_crc_ok)
-        fail("image body_crc");
+    if (!img.body_crc_ok) fail("image body_crc");
 
     std::size_t pos = body_start;
     std::size_t end = img.size;
@@ -150,8 +129,7 @@ Image decode_image(Bytes bytes)
         p.hdr_length = get16(bytes, pos + 6);
         p.body_length = get32(bytes, pos + 8);
         p.name = get_text(bytes, pos + 12, 16);
-        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(pos + 12), 16,
-                    p.raw_name.begin());
+        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(pos + 12), 16, p.raw_name.begin());
         p.body_crc = get32(bytes, pos + 28);
         std::string where = "part " + std::to_string(img.parts.size()) + " '" + p.name + "'";
         if (p.hdr_length < 32) {
@@ -167,10 +145,8 @@ Image decode_image(Bytes bytes)
         auto body = bytes.subspan(pos + p.hdr_length, p.body_length);
         p.body.assign(body.begin(), body.end());
         p.body_crc_ok = crc32(body) == p.body_crc;
-        if (!p.hdr_crc_ok)
-            fail(where + ": hdr_crc");
-        if (!p.body_crc_ok)
-            fail(where + ": body_crc");
+        if (!p.hdr_crc_ok) fail(where + ": hdr_crc");
+        if (!p.body_crc_ok) fail(where + ": body_crc");
         std::size_t body_end = pos + p.hdr_length + p.body_length;
         std::size_t next = pos + static_cast<std::size_t>(occupied);
         if (next > end) {
@@ -186,10 +162,8 @@ Image decode_image(Bytes bytes)
     return img;
 }
 
-std::optional<Record> decode_record(Bytes b)
-{
-    if (b.size() < RECORD_SIZE)
-        return std::nullopt;
+std::optional<Record> decode_record(Bytes b) {
+    if (b.size() < RECORD_SIZE) return std::nullopt;
     Record r;
     r.actset = b[0];
     for (std::size_t s = 0; s < 3; ++s) {
@@ -238,23 +212,18 @@ std::optional<Record> decode_record(Bytes b)
     return r;
 }
 
-std::optional<Record> decode_kiv_data(const Image &image)
-{
-    if (!image.ok)
-        return std::nullopt;
+std::optional<Record> decode_kiv_data(const Image &image) {
+    if (!image.ok) return std::nullopt;
     const Part *p = image.find("KIV data");
-    if (!p || p->body.size() != RECORD_SIZE)
-        return std::nullopt;
+    if (!p || p->body.size() != RECORD_SIZE) return std::nullopt;
     return decode_record(p->body);
 }
 
-std::optional<Record> decode_kiv_data(Bytes bytes)
-{
+std::optional<Record> decode_kiv_data(Bytes bytes) {
     return decode_kiv_data(decode_image(bytes));
 }
 
-std::vector<std::uint8_t> encode_record(const Record &r)
-{
+std::vector<std::uint8_t> encode_record(const Record &r) {
     std::vector<std::uint8_t> b(RECORD_SIZE, 0);
     b[0] = r.actset;
     for (std::size_t s = 0; s < 3; ++s) {
@@ -300,8 +269,7 @@ std::vector<std::uint8_t> encode_record(const Record &r)
     return b;
 }
 
-std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts)
-{
+std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts) {
     std::vector<std::uint8_t> img(24, 0);
     for (const NewPart &part : parts) {
         std::size_t pos = img.size();
@@ -321,46 +289,36 @@ std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts)
     return img;
 }
 
-void refresh_crcs(std::vector<std::uint8_t> &img)
-{
-    if (img.size() < 24)
-        return;
+void refresh_crcs(std::vector<std::uint8_t> &img) {
+    if (img.size() < 24) return;
     std::span<const std::uint8_t> all(img);
     std::size_t hdr_length = get16(all, 14);
     std::size_t body_length = get32(all, 16);
     std::size_t body_start = 8 + hdr_length;
-    if (hdr_length < 16 || body_start + body_length > img.size())
-        return;
+    if (hdr_length < 16 || body_start + body_length > img.size()) return;
     std::size_t end = body_start + body_length;
     for (std::size_t pos = body_start; end - pos >= 32;) {
         std::size_t phl = get16(all, pos + 6);
         std::size_t pbl = get32(all, pos + 8);
-        if (phl < 32 || phl + pbl > end - pos)
-            break;
+        if (phl < 32 || phl + pbl > end - pos) break;
         put32(img, pos + 28, crc32(all.subspan(pos + phl, pbl)));
         put32(img, pos, crc32(all.subspan(pos + 4, phl - 4)));
         pos += pad4(phl + pbl);
-        if (pos >= end)
-            break;
+        if (pos >= end) break;
     }
     put32(img, 20, crc32(all.subspan(body_start, body_length)));
     put32(img, 8, crc32(all.subspan(12, hdr_length - 4)));
 }
 
-std::optional<std::uint8_t> state_byte(Bytes device, int set)
-{
-    if (set != 1 && set != 2)
-        return std::nullopt;
+std::optional<std::uint8_t> state_byte(Bytes device, int set) {
+    if (set != 1 && set != 2) return std::nullopt;
     std::size_t off = STATE_OFFSET + static_cast<std::size_t>(set - 1);
-    if (off >= device.size())
-        return std::nullopt;
+    if (off >= device.size()) return std::nullopt;
     return static_cast<std::uint8_t>(~device[off]);
 }
 
-int decode_state(std::uint8_t b)
-{
-    if ((b & 1u) == 0)
-        return 0;
+int decode_state(std::uint8_t b) {
+    if ((b & 1u) == 0) return 0;
     return (b & 2u) ? 2 : 1;
 }
 

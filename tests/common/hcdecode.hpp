@@ -28,18 +28,18 @@ std::string get_text(std::span<const std::uint8_t> b, std::size_t off, std::size
 
 // One content part as it lies in the image.
 struct Part {
-    std::size_t offset = 0;        // from the image start
+    std::size_t offset = 0; // from the image start
     std::uint32_t hdr_crc = 0;
     std::uint16_t type_id = 0;
     std::uint16_t hdr_length = 0;
     std::uint32_t body_length = 0;
-    std::string name;              // text up to the first NUL of the 16-byte field
+    std::string name; // text up to the first NUL of the 16-byte field
     std::array<std::uint8_t, 16> raw_name{};
     std::uint32_t body_crc = 0;
-    bool hdr_crc_ok = false;       // CRC of part bytes 4 .. hdr_length-1
-    bool body_crc_ok = false;      // CRC of the body_length bytes at offset + hdr_length
+    bool hdr_crc_ok = false;  // CRC of part bytes 4 .. hdr_length-1
+    bool body_crc_ok = false; // CRC of the body_length bytes at offset + hdr_length
     std::vector<std::uint8_t> body;
-    std::vector<std::uint8_t> padding;  // the 0..3 bytes after the body
+    std::vector<std::uint8_t> padding; // the 0..3 bytes after the body
 };
 
 // A whole image. `ok` means: magic right, version 1, hdr_length 16, both image CRCs
@@ -57,7 +57,7 @@ struct Image {
     std::uint32_t body_crc = 0;
     bool hdr_crc_ok = false;
     bool body_crc_ok = false;
-    std::size_t size = 0;          // 8 + hdr_length + body_length
+    std::size_t size = 0; // 8 + hdr_length + body_length
     std::vector<Part> parts;
 
     // First part whose name equals `name` exactly, or null.
@@ -77,11 +77,11 @@ struct Set {
     std::uint8_t bootable = 0;
     std::string name;
     std::array<std::int8_t, 20> raw_refs{};
-    std::vector<int> refs;         // up to the first -1, at most 20
+    std::vector<int> refs; // up to the first -1, at most 20
 };
 
 struct PartInfo {
-    std::string poolname;          // empty: unused entry
+    std::string poolname; // empty: unused entry
     std::uint8_t pn = 0;
     std::uint32_t offset = 0;
     std::uint32_t size = 0;
@@ -132,7 +132,7 @@ std::optional<Record> decode_kiv_data(std::span<const std::uint8_t> bytes);
 std::vector<std::uint8_t> encode_record(const Record &record);
 
 struct NewPart {
-    std::string name;              // cut to 15 characters
+    std::string name; // cut to 15 characters
     std::vector<std::uint8_t> body;
     std::uint16_t type_id = 3;
 };

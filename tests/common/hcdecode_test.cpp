@@ -9,21 +9,18 @@
 using namespace hcdecode;
 
 namespace {
-std::vector<std::uint8_t> bytes_of(const char *s)
-{
+std::vector<std::uint8_t> bytes_of(const char *s) {
     return std::vector<std::uint8_t>(s, s + std::strlen(s));
 }
 } // namespace
 
-TEST(HcDecodeCrc, KnownVectors)
-{
+TEST(HcDecodeCrc, KnownVectors) {
     EXPECT_EQ(crc32({}), 0u);
     EXPECT_EQ(crc32(bytes_of("123456789")), 0xCBF43926u);
     EXPECT_EQ(crc32(bytes_of("The quick brown fox jumps over the lazy dog")), 0x414FA339u);
 }
 
-TEST(HcDecodeImage, EncodedImageDecodesWithLayoutAndPadding)
-{
+TEST(HcDecodeImage, EncodedImageDecodesWithLayoutAndPadding) {
     auto img = encode_image({{"first", bytes_of("abcde")}, {"KIV data", {}}});
     // 24 + (32 + 5 + 3 padding) + 32
     ASSERT_EQ(img.size(), 24u + 40u + 32u);
@@ -47,8 +44,7 @@ TEST(HcDecodeImage, EncodedImageDecodesWithLayoutAndPadding)
     EXPECT_EQ(d.size, img.size());
 }
 
-TEST(HcDecodeImage, TrailingBytesAreIgnored)
-{
+TEST(HcDecodeImage, TrailingBytesAreIgnored) {
     auto img = encode_image({{"x", {1, 2, 3, 4}}});
     img.resize(5120, 0xFF);
     Image d = decode_image(img);
@@ -56,8 +52,7 @@ TEST(HcDecodeImage, TrailingBytesAreIgnored)
     EXPECT_EQ(d.size, 24u + 36u);
 }
 
-TEST(HcDecodeImage, EveryFaultIsNamed)
-{
+TEST(HcDecodeImage, EveryFaultIsNamed) {
     struct Case {
         const char *what;
         std::size_t offset;
@@ -76,8 +71,7 @@ TEST(HcDecodeImage, EveryFaultIsNamed)
     for (const Case &c : cases) {
         auto img = encode_image({{"first", bytes_of("abcde")}});
         img[c.offset] = c.value;
-        if (c.refresh)
-            refresh_crcs(img);
+        if (c.refresh) refresh_crcs(img);
         Image d = decode_image(img);
         EXPECT_FALSE(d.ok) << c.what;
         EXPECT_EQ(d.error.rfind(c.error_prefix, 0), 0u) << c.what << ": " << d.error;
@@ -100,19 +94,17 @@ TEST(HcDecodeImage, EveryFaultIsNamed)
     }
 }
 
-TEST(HcDecodeImage, LengthsPastTheBytesAreReportedNotRead)
-{
+TEST(HcDecodeImage, LengthsPastTheBytesAreReportedNotRead) {
     auto img = encode_image({{"first", bytes_of("abcde")}});
-    img[16] = 0xFF; // body_length far beyond the buffer
-    refresh_crcs(img);  // cannot walk it; header CRC stays stale
+    img[16] = 0xFF;    // body_length far beyond the buffer
+    refresh_crcs(img); // cannot walk it; header CRC stays stale
     Image d = decode_image(img);
     EXPECT_FALSE(d.ok);
     EXPECT_FALSE(d.body_crc_ok);
     EXPECT_TRUE(d.parts.empty());
 }
 
-TEST(HcDecodeRecord, RoundTripsEveryField)
-{
+TEST(HcDecodeRecord, RoundTripsEveryField) {
     Record r;
     r.actset = 2;
     r.sets[0].name = "SAFESET";
@@ -158,8 +150,7 @@ TEST(HcDecodeRecord, RoundTripsEveryField)
     EXPECT_EQ(rec->pinfometa[5].body_crc, 0xDEADBEEFu);
 }
 
-TEST(HcDecodeState, ComplementedBytesAtTheEndOfTheFirst128K)
-{
+TEST(HcDecodeState, ComplementedBytesAtTheEndOfTheFirst128K) {
     std::vector<std::uint8_t> dev(131072, 0xFF);
     dev[131070] = 0xFE;
     dev[131071] = 0xFC;

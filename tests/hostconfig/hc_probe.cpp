@@ -35,19 +35,16 @@
 
 namespace {
 
-long num(const char *s)
-{
+long num(const char *s) {
     return std::strtol(s, nullptr, 0);
 }
 
-const char *opt_path(const char *s)
-{
+const char *opt_path(const char *s) {
     return std::strcmp(s, "-") == 0 ? nullptr : s;
 }
 
 void say(const char *format, ...) __attribute__((format(printf, 1, 2)));
-void say(const char *format, ...)
-{
+void say(const char *format, ...) {
     va_list args;
     va_start(args, format);
     std::vprintf(format, args);
@@ -55,14 +52,12 @@ void say(const char *format, ...)
     std::fflush(stdout);
 }
 
-[[noreturn]] void usage(const std::string &step)
-{
+[[noreturn]] void usage(const std::string &step) {
     std::fprintf(stderr, "hc_probe: bad step '%s'\n", step.c_str());
     std::exit(2);
 }
 
-kiv_options options_for(const char *cfg, const char *backup)
-{
+kiv_options options_for(const char *cfg, const char *backup) {
     kiv_options o{};
     std::snprintf(o.hostcfg, sizeof o.hostcfg, "%s", cfg);
     std::snprintf(o.hostcfg_backup, sizeof o.hostcfg_backup, "%s", opt_path(backup) ? backup : "");
@@ -70,19 +65,17 @@ kiv_options options_for(const char *cfg, const char *backup)
     return o;
 }
 
-void step(const std::vector<const char *> &a)
-{
+void step(const std::vector<const char *> &a) {
     const std::string cmd = a[0];
     auto need = [&](std::size_t n) {
-        if (a.size() != n + 1)
-            usage(cmd);
+        if (a.size() != n + 1) usage(cmd);
     };
     auto data = std::make_unique<kivl_data>();
     auto hc = std::make_unique<hostconfig>();
     if (cmd == "erase") {
         need(3);
         say("erase %d\n", mtd_fn_erase(a[1], static_cast<std::uint32_t>(num(a[2])),
-                                        static_cast<std::uint32_t>(num(a[3]))));
+                                       static_cast<std::uint32_t>(num(a[3]))));
     } else if (cmd == "locked") {
         need(1);
         say("locked %d\n", mtd_fn_is_locked(a[1]));
@@ -93,8 +86,8 @@ void step(const std::vector<const char *> &a)
         say("flags %d %02x %02x\n", r, unsigned{b[0]}, unsigned{b[1]});
     } else if (cmd == "flags-write") {
         need(2);
-        say("flags-write %d\n", upgrade_flags_write(static_cast<int>(num(a[1])),
-                                                     static_cast<int>(num(a[2]))));
+        say("flags-write %d\n",
+            upgrade_flags_write(static_cast<int>(num(a[1])), static_cast<int>(num(a[2]))));
     } else if (cmd == "get-state") {
         need(1);
         say("get-state %d\n", get_upgrade_state(static_cast<int>(num(a[1]))));
@@ -144,13 +137,11 @@ void step(const std::vector<const char *> &a)
 
 } // namespace
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     std::vector<const char *> cur;
     for (int i = 1; i <= argc; ++i) {
         if (i == argc || std::strcmp(argv[i], "+") == 0) {
-            if (cur.empty())
-                usage("");
+            if (cur.empty()) usage("");
             step(cur);
             cur.clear();
         } else {

@@ -25,77 +25,65 @@ constexpr int LOG_NOTICE_SEVERITY = 5;
 constexpr int LOG_DEBUG_SEVERITY = 7;
 constexpr std::size_t STATE_OFFSET = 131070;
 
-SandboxResult probe(Device &dev, std::vector<std::string> steps, RunOptions options = {})
-{
+SandboxResult probe(Device &dev, std::vector<std::string> steps, RunOptions options = {}) {
     steps.insert(steps.begin(), HC_PROBE_BIN);
     return dev.run(std::move(steps), std::move(options));
 }
 
 // The default layout with one line changed or dropped.
-std::string layout_with(const std::string &mtd_line_prefix, const std::string &replacement)
-{
-    std::string text = kiv::test::read_text_file(kiv::test::source_dir() +
-                                                 "/tools/sandbox/default.layout");
+std::string layout_with(const std::string &mtd_line_prefix, const std::string &replacement) {
+    std::string text =
+        kiv::test::read_text_file(kiv::test::source_dir() + "/tools/sandbox/default.layout");
     std::string out;
     std::size_t pos = 0;
     while (pos < text.size()) {
         std::size_t end = text.find('\n', pos);
-        if (end == std::string::npos)
-            end = text.size();
+        if (end == std::string::npos) end = text.size();
         std::string line = text.substr(pos, end - pos);
-        if (line.rfind(mtd_line_prefix, 0) == 0)
-            line = replacement;
+        if (line.rfind(mtd_line_prefix, 0) == 0) line = replacement;
         out += line + "\n";
         pos = end + 1;
     }
     return out;
 }
 
-RunOptions with_fault(std::string fault)
-{
+RunOptions with_fault(std::string fault) {
     RunOptions o;
     o.faults.push_back(std::move(fault));
     return o;
 }
 
-DeviceOptions with_layout(std::string layout)
-{
+DeviceOptions with_layout(std::string layout) {
     DeviceOptions o;
     o.layout = std::move(layout);
     return o;
 }
 
-std::vector<std::string> flash_ops(const SandboxResult &r)
-{
+std::vector<std::string> flash_ops(const SandboxResult &r) {
     std::vector<std::string> ops;
     for (const std::string &e : r.events)
-        if (e.rfind("erase ", 0) == 0 || e.rfind("write ", 0) == 0)
-            ops.push_back(e);
+        if (e.rfind("erase ", 0) == 0 || e.rfind("write ", 0) == 0) ops.push_back(e);
     return ops;
 }
 
-bool logged_at(const SandboxResult &r, int severity, const std::string &text)
-{
+bool logged_at(const SandboxResult &r, int severity, const std::string &text) {
     return std::any_of(r.syslog.begin(), r.syslog.end(), [&](const auto &line) {
         return line.severity == severity && line.text == text;
     });
 }
 
-Bytes flash_region(const Device &dev, int mtd, std::size_t offset, std::size_t length)
-{
+Bytes flash_region(const Device &dev, int mtd, std::size_t offset, std::size_t length) {
     Bytes all = dev.flash(mtd);
     return Bytes(all.begin() + static_cast<std::ptrdiff_t>(offset),
                  all.begin() + static_cast<std::ptrdiff_t>(offset + length));
 }
 
-void set_state_bytes(Device &dev, std::uint8_t set1, std::uint8_t set2)
-{
+void set_state_bytes(Device &dev, std::uint8_t set1, std::uint8_t set2) {
     const std::uint8_t bytes[2] = {set1, set2};
     dev.set_flash(5, bytes, STATE_OFFSET);
 }
 
-Bytes fresh_image(std::uint8_t actset)
-{
+Bytes fresh_image(std::uint8_t actset) {
     hcdecode::Record rec;
     rec.actset = actset;
     return hcdecode::encode_image({{"KIV data", hcdecode::encode_record(rec)}});
@@ -103,8 +91,7 @@ Bytes fresh_image(std::uint8_t actset)
 
 } // namespace
 
-TEST(HostconfigDevice, EraseCoversWholeBlocks)
-{
+TEST(HostconfigDevice, EraseCoversWholeBlocks) {
     struct Case {
         std::string offset, length;
         std::string answer;
@@ -129,8 +116,7 @@ TEST(HostconfigDevice, EraseCoversWholeBlocks)
     }
 }
 
-TEST(HostconfigDevice, EraseFailuresAreLoggedOnlyToSyslog)
-{
+TEST(HostconfigDevice, EraseFailuresAreLoggedOnlyToSyslog) {
     Device dev;
     dev.set_flash(5, Bytes(131072, 0x00));
     auto r = probe(dev, {"erase", "/dev/mtd5", "0", "0"}, with_fault("erase:mtd5:1"));
@@ -151,8 +137,7 @@ TEST(HostconfigDevice, EraseFailuresAreLoggedOnlyToSyslog)
         << r.describe();
 }
 
-TEST(HostconfigDevice, LockTest)
-{
+TEST(HostconfigDevice, LockTest) {
     Device plain;
     auto r = probe(plain, {"locked", "/dev/mtd2"});
     EXPECT_EQ(r.out, "locked 0\n") << r.describe();
@@ -162,8 +147,7 @@ TEST(HostconfigDevice, LockTest)
     EXPECT_EQ(r.out, "locked 1\n") << r.describe();
 }
 
-TEST(HostconfigDevice, StateBytesAreDecodedFromTheirComplement)
-{
+TEST(HostconfigDevice, StateBytesAreDecodedFromTheirComplement) {
     struct Case {
         std::uint8_t set1, set2;
         const char *answer;
@@ -191,8 +175,7 @@ TEST(HostconfigDevice, StateBytesAreDecodedFromTheirComplement)
     EXPECT_TRUE(r.events_with("open mtd5").empty()) << r.describe();
 }
 
-TEST(HostconfigDevice, SettingAStateWritesOnlyItsByte)
-{
+TEST(HostconfigDevice, SettingAStateWritesOnlyItsByte) {
     Device dev;
     set_state_bytes(dev, 0xFF, 0xFF);
     auto r = probe(dev, {"set-state", "1", "1"});
@@ -231,13 +214,11 @@ TEST(HostconfigDevice, SettingAStateWritesOnlyItsByte)
     EXPECT_EQ(flash_region(dev, 5, STATE_OFFSET, 2), (Bytes{0xFF, 0x01}));
 }
 
-TEST(HostconfigDevice, StateDeviceMissingOrFailing)
-{
+TEST(HostconfigDevice, StateDeviceMissingOrFailing) {
     Device none(with_layout(layout_with("mtd 5 ", "")));
     auto r = probe(none, {"info", "+", "set-state", "1", "1", "+", "get-state", "0"});
-    EXPECT_EQ(r.out,
-              "KIV Data Upgrade set 1: INVALID(-1)\nKIV Data Upgrade set 2: INVALID(-1)\n"
-              "\nset-state -1\nget-state 0\n")
+    EXPECT_EQ(r.out, "KIV Data Upgrade set 1: INVALID(-1)\nKIV Data Upgrade set 2: INVALID(-1)\n"
+                     "\nset-state -1\nget-state 0\n")
         << r.describe();
 
     Device dev;
@@ -245,12 +226,11 @@ TEST(HostconfigDevice, StateDeviceMissingOrFailing)
     EXPECT_EQ(r.out, "\nset-state -1\n") << r.describe();
 }
 
-TEST(HostconfigDevice, SavedImageOnFlash)
-{
+TEST(HostconfigDevice, SavedImageOnFlash) {
     Device dev;
     dev.set_flash(5, Bytes(131072, 0x00));
-    auto r = probe(dev, {"save", "/dev/mtd5", "-", "1", "+", "load", "/dev/mtd5", "-", "+",
-                         "get-state", "1"});
+    auto r = probe(
+        dev, {"save", "/dev/mtd5", "-", "1", "+", "load", "/dev/mtd5", "-", "+", "get-state", "1"});
     EXPECT_EQ(r.out, "save 1\nload 1 1\nget-state 0\n") << r.describe();
     auto ops = flash_ops(r);
     ASSERT_GE(ops.size(), 3u) << r.describe();
@@ -270,8 +250,7 @@ TEST(HostconfigDevice, SavedImageOnFlash)
     EXPECT_TRUE(std::all_of(flash.begin() + 3020, flash.end(), [](auto b) { return b == 0xFF; }));
 }
 
-TEST(HostconfigDevice, SaveFailsOnAFailedEraseOrWrite)
-{
+TEST(HostconfigDevice, SaveFailsOnAFailedEraseOrWrite) {
     Device dev;
     dev.set_flash(5, fresh_image(2));
     auto r = probe(dev, {"save", "/dev/mtd5", "-", "1"}, with_fault("erase:mtd5:1"));
@@ -287,8 +266,7 @@ TEST(HostconfigDevice, SaveFailsOnAFailedEraseOrWrite)
     EXPECT_TRUE(hcdecode::decode_image(dev.flash(5)).ok);
 }
 
-TEST(HostconfigDevice, RawLoaderReads5120BytesFromFlash)
-{
+TEST(HostconfigDevice, RawLoaderReads5120BytesFromFlash) {
     Device dev;
     // A valid image followed by the rest of the erased device loads; an image whose
     // header claims a body reaching past 5120 bytes does not, even with a right CRC.
@@ -306,8 +284,7 @@ TEST(HostconfigDevice, RawLoaderReads5120BytesFromFlash)
     EXPECT_EQ(r.out, "load -1 0\n") << r.describe();
 }
 
-TEST(HostconfigDevice, BackupIsWrittenFirstAndReadWhenThePrimaryFails)
-{
+TEST(HostconfigDevice, BackupIsWrittenFirstAndReadWhenThePrimaryFails) {
     Device dev;
     auto r = probe(dev, {"kiv-init-save", "/dev/mtd5", "/dev/mtd2"});
     EXPECT_EQ(r.out, "kiv-init-save 1\n") << r.describe();
@@ -338,8 +315,7 @@ TEST(HostconfigDevice, BackupIsWrittenFirstAndReadWhenThePrimaryFails)
         << r.describe();
 }
 
-TEST(HostconfigDevice, LockedBackupTakesNoPart)
-{
+TEST(HostconfigDevice, LockedBackupTakesNoPart) {
     Device dev(with_layout(layout_with("mtd 2 ", "mtd 2 size=128K erase=64K locked")));
     Bytes old_backup = fresh_image(2);
     dev.set_flash(2, old_backup);
@@ -356,8 +332,7 @@ TEST(HostconfigDevice, LockedBackupTakesNoPart)
     EXPECT_EQ(r.err, "hostconfig_load failed.\n");
 }
 
-TEST(HostconfigDevice, PowerLossWhileThePrimaryIsRewritten)
-{
+TEST(HostconfigDevice, PowerLossWhileThePrimaryIsRewritten) {
     Device dev;
     dev.set_flash(5, fresh_image(1));
     dev.set_flash(2, fresh_image(1));

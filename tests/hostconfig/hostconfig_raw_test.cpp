@@ -18,34 +18,29 @@ using Bytes = std::vector<std::uint8_t>;
 // A path with the MTD prefix that exists on no machine.
 constexpr const char *ABSENT_MTD = "/dev/mtd-kiv-test-absent";
 
-std::unique_ptr<hostconfig> new_handle()
-{
+std::unique_ptr<hostconfig> new_handle() {
     auto hc = std::make_unique<hostconfig>();
     EXPECT_EQ(hostconfig_new(hc.get(), HOSTCONFIG_MAX_SIZE), 1);
     return hc;
 }
 
-void put16(Bytes &b, std::size_t off, std::uint16_t v)
-{
+void put16(Bytes &b, std::size_t off, std::uint16_t v) {
     b[off] = static_cast<std::uint8_t>(v);
     b[off + 1] = static_cast<std::uint8_t>(v >> 8);
 }
 
-void put32(Bytes &b, std::size_t off, std::uint32_t v)
-{
+void put32(Bytes &b, std::size_t off, std::uint32_t v) {
     for (int i = 0; i < 4; ++i)
         b[off + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
 }
 
 // Re-signs the image header only (image bytes 12..23), whatever its lengths say.
-Bytes resign_header(Bytes img)
-{
+Bytes resign_header(Bytes img) {
     put32(img, 8, hcdecode::crc32(std::span<const std::uint8_t>(img).subspan(12, 12)));
     return img;
 }
 
-Bytes valid_image()
-{
+Bytes valid_image() {
     Bytes body(100);
     for (std::size_t i = 0; i < body.size(); ++i)
         body[i] = static_cast<std::uint8_t>(i);
@@ -54,8 +49,7 @@ Bytes valid_image()
 
 } // namespace
 
-TEST(HostconfigRaw, WhichStoredFilesAreAccepted)
-{
+TEST(HostconfigRaw, WhichStoredFilesAreAccepted) {
     TempDir dir;
     const std::string path = dir.file("hostcfg");
     const Bytes good = valid_image(); // 24 + 32 + 100 = 156 bytes
@@ -124,8 +118,7 @@ TEST(HostconfigRaw, WhichStoredFilesAreAccepted)
     EXPECT_EQ(hostconfig_load_raw(hc.get(), ABSENT_MTD), -1);
 }
 
-TEST(HostconfigRaw, SaveWritesExactlyUsedBytes)
-{
+TEST(HostconfigRaw, SaveWritesExactlyUsedBytes) {
     TempDir dir;
     const std::string path = dir.file("hostcfg");
     write_bytes(path, Bytes(5000, 0x55)); // an older, longer file is truncated
@@ -143,16 +136,14 @@ TEST(HostconfigRaw, SaveWritesExactlyUsedBytes)
     EXPECT_FALSE(std::filesystem::exists(ABSENT_MTD));
 }
 
-TEST(Mtd, PathsAndNonDevices)
-{
+TEST(Mtd, PathsAndNonDevices) {
     struct Case {
         const char *path;
         bool mtd;
     };
     const Case cases[] = {
-        {"/dev/mtd5", true},   {"/dev/mtd", true},     {"/dev/mtdblock2", true},
-        {"/dev/mtd-x", true},  {"/dev/mt", false},     {"dev/mtd5", false},
-        {"/tmp/hostcfg", false}, {"", false},
+        {"/dev/mtd5", true}, {"/dev/mtd", true},  {"/dev/mtdblock2", true}, {"/dev/mtd-x", true},
+        {"/dev/mt", false},  {"dev/mtd5", false}, {"/tmp/hostcfg", false},  {"", false},
     };
     for (const Case &c : cases)
         EXPECT_EQ(mtd_path_is_mtd(c.path), c.mtd) << c.path;

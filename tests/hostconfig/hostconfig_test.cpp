@@ -19,31 +19,27 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 // The handle is 5 KiB; tests keep it on the heap like an action keeps it on its stack.
-std::unique_ptr<hostconfig> new_handle(std::uint32_t capacity = HOSTCONFIG_MAX_SIZE)
-{
+std::unique_ptr<hostconfig> new_handle(std::uint32_t capacity = HOSTCONFIG_MAX_SIZE) {
     auto hc = std::make_unique<hostconfig>();
     EXPECT_EQ(hostconfig_new(hc.get(), capacity), 1);
     return hc;
 }
 
-Bytes pattern(std::size_t n, std::uint8_t seed = 1)
-{
+Bytes pattern(std::size_t n, std::uint8_t seed = 1) {
     Bytes b(n);
     for (std::size_t i = 0; i < n; ++i)
         b[i] = static_cast<std::uint8_t>(seed + i * 7);
     return b;
 }
 
-std::size_t offset_of(const hostconfig *hc, int part)
-{
+std::size_t offset_of(const hostconfig *hc, int part) {
     return static_cast<std::size_t>(reinterpret_cast<const std::uint8_t *>(hc->parts[part]) -
                                     hc->image);
 }
 
 } // namespace
 
-TEST(HostconfigNew, CapacityLimits)
-{
+TEST(HostconfigNew, CapacityLimits) {
     auto hc = std::make_unique<hostconfig>();
     std::memset(static_cast<void *>(hc.get()), 0xAB, sizeof *hc);
     EXPECT_EQ(hostconfig_new(hc.get(), HOSTCONFIG_MAX_SIZE + 1), 0);
@@ -59,8 +55,7 @@ TEST(HostconfigNew, CapacityLimits)
     EXPECT_EQ(hc->used, 24u);
 }
 
-TEST(HostconfigAdd, BodiesArePaddedToFourBytes)
-{
+TEST(HostconfigAdd, BodiesArePaddedToFourBytes) {
     struct Case {
         std::uint32_t body;
         std::uint32_t next_part_at;
@@ -78,8 +73,7 @@ TEST(HostconfigAdd, BodiesArePaddedToFourBytes)
     }
 }
 
-TEST(HostconfigAdd, NewPartHeader)
-{
+TEST(HostconfigAdd, NewPartHeader) {
     auto hc = new_handle();
     Bytes body = pattern(5);
     ASSERT_EQ(hostconfig_add_body(hc.get(), body.data(), 5, "abcdefghijklmnopqrst"), 1);
@@ -90,15 +84,14 @@ TEST(HostconfigAdd, NewPartHeader)
     // 20 characters are stored as 15 and a NUL.
     EXPECT_EQ(hcdecode::get_text(img, 24 + 12, 16), "abcdefghijklmno");
     EXPECT_EQ(img[24 + 12 + 15], 0);
-    EXPECT_EQ(hcdecode::get32(img, 24), 0u);      // CRCs are left for the save
+    EXPECT_EQ(hcdecode::get32(img, 24), 0u); // CRCs are left for the save
     EXPECT_EQ(hcdecode::get32(img, 24 + 28), 0u);
     EXPECT_EQ(Bytes(img.begin() + 56, img.begin() + 61), body);
     EXPECT_EQ(hc->used, 64u);
     EXPECT_EQ(hc->count, 1);
 }
 
-TEST(HostconfigAdd, TableHoldsTwentyParts)
-{
+TEST(HostconfigAdd, TableHoldsTwentyParts) {
     auto hc = new_handle();
     for (int i = 0; i < 20; ++i)
         ASSERT_EQ(hostconfig_add_body(hc.get(), "abcd", 4, "p"), 1) << i;
@@ -110,8 +103,7 @@ TEST(HostconfigAdd, TableHoldsTwentyParts)
     EXPECT_EQ(hc->used, used);
 }
 
-TEST(HostconfigAdd, CapacityIsAHardLimit)
-{
+TEST(HostconfigAdd, CapacityIsAHardLimit) {
     struct Case {
         std::uint32_t capacity;
         std::uint32_t length;
@@ -122,7 +114,7 @@ TEST(HostconfigAdd, CapacityIsAHardLimit)
         {5120, 5120 - 24 - 31, -1}, // one byte too many
         {1000, 1000 - 24 - 32, 1},
         {1000, 1000 - 24 - 31, -1},
-        {24, 0, -1},                // room for no header at all
+        {24, 0, -1}, // room for no header at all
     };
     for (const Case &c : cases) {
         auto hc = new_handle(c.capacity);
@@ -134,8 +126,7 @@ TEST(HostconfigAdd, CapacityIsAHardLimit)
     }
 }
 
-TEST(HostconfigAdd, CopyOfAnExistingPart)
-{
+TEST(HostconfigAdd, CopyOfAnExistingPart) {
     auto src = new_handle();
     Bytes body = pattern(7);
     ASSERT_EQ(hostconfig_add_body(src.get(), body.data(), 7, "seven"), 1);
@@ -155,8 +146,7 @@ TEST(HostconfigAdd, CopyOfAnExistingPart)
     EXPECT_EQ(small->count, 0);
 }
 
-TEST(HostconfigGetBody, NamePrefixInTableOrder)
-{
+TEST(HostconfigGetBody, NamePrefixInTableOrder) {
     auto hc = new_handle();
     EXPECT_EQ(hostconfig_get_body(hc.get(), "KIV data"), nullptr);
     ASSERT_EQ(hostconfig_add_body(hc.get(), "1", 1, "other"), 1);
@@ -167,8 +157,10 @@ TEST(HostconfigGetBody, NamePrefixInTableOrder)
         int part; // -1: not found
     };
     const Case cases[] = {
-        {"KIV data", 1}, {"KIV", 1}, {"other", 0}, {"", 0}, {"KIV data old", 1},
-        {"KIV data older", -1}, {"missing", -1}, {"otherwise longer than a name", -1},
+        {"KIV data", 1},     {"KIV", 1},
+        {"other", 0},        {"", 0},
+        {"KIV data old", 1}, {"KIV data older", -1},
+        {"missing", -1},     {"otherwise longer than a name", -1},
     };
     for (const Case &c : cases) {
         std::uint8_t *body = hostconfig_get_body(hc.get(), c.name);
@@ -181,8 +173,7 @@ TEST(HostconfigGetBody, NamePrefixInTableOrder)
     }
 }
 
-TEST(HostconfigFinalize, EmptyBodiesAreLeftAlone)
-{
+TEST(HostconfigFinalize, EmptyBodiesAreLeftAlone) {
     auto hc = new_handle();
     ASSERT_EQ(hostconfig_add_body(hc.get(), nullptr, 0, "empty"), 1);
     EXPECT_EQ(hostconfig_finalize_content(hc->parts[0]), -1);
@@ -198,8 +189,7 @@ class HostconfigFiles : public ::testing::Test {
     std::string backup = dir.file("hostcfg.bak");
 };
 
-TEST_F(HostconfigFiles, SavedImageHasExactlyUsedBytes)
-{
+TEST_F(HostconfigFiles, SavedImageHasExactlyUsedBytes) {
     auto hc = new_handle();
     Bytes record = pattern(2964, 3);
     ASSERT_EQ(hostconfig_add_body(hc.get(), record.data(), 2964, "KIV data"), 1);
@@ -224,8 +214,7 @@ TEST_F(HostconfigFiles, SavedImageHasExactlyUsedBytes)
     EXPECT_EQ(Bytes(body, body + 2964), record);
 }
 
-TEST_F(HostconfigFiles, SeveralPartsKeepOrderAndPadding)
-{
+TEST_F(HostconfigFiles, SeveralPartsKeepOrderAndPadding) {
     auto hc = new_handle();
     ASSERT_EQ(hostconfig_add_body(hc.get(), "hello", 5, "A"), 1);
     ASSERT_EQ(hostconfig_add_body(hc.get(), "xy", 2, "B"), 1);
@@ -238,8 +227,7 @@ TEST_F(HostconfigFiles, SeveralPartsKeepOrderAndPadding)
     EXPECT_EQ(stored.size(), 24u + 40u + 36u + 48u);
 }
 
-TEST_F(HostconfigFiles, BackupWrittenFirstAndOnlyPrimaryCounts)
-{
+TEST_F(HostconfigFiles, BackupWrittenFirstAndOnlyPrimaryCounts) {
     auto hc = new_handle();
     ASSERT_EQ(hostconfig_add_body(hc.get(), "data", 4, "KIV data"), 1);
     ASSERT_EQ(hostconfig_save(hc.get(), primary.c_str(), backup.c_str()), 1);
@@ -254,8 +242,7 @@ TEST_F(HostconfigFiles, BackupWrittenFirstAndOnlyPrimaryCounts)
     EXPECT_TRUE(hcdecode::decode_image(read_bytes(backup)).ok);
 }
 
-TEST_F(HostconfigFiles, HandlesWithoutContentAreNotSaved)
-{
+TEST_F(HostconfigFiles, HandlesWithoutContentAreNotSaved) {
     auto empty = new_handle();
     EXPECT_EQ(hostconfig_save(empty.get(), primary.c_str(), nullptr), -1);
     EXPECT_FALSE(std::filesystem::exists(primary));
@@ -268,8 +255,7 @@ TEST_F(HostconfigFiles, HandlesWithoutContentAreNotSaved)
     EXPECT_EQ(read_bytes(primary), before);
 }
 
-TEST_F(HostconfigFiles, BackupFallback)
-{
+TEST_F(HostconfigFiles, BackupFallback) {
     Bytes good = hcdecode::encode_image({{"KIV data", pattern(12, 9)}});
     Bytes bad = good;
     bad[24 + 32] ^= 1; // body byte: image CRC fails
@@ -293,13 +279,12 @@ TEST_F(HostconfigFiles, BackupFallback)
     for (const Case &c : cases) {
         std::filesystem::remove(primary);
         std::filesystem::remove(backup);
-        if (c.primary)
-            write_bytes(primary, *c.primary);
-        if (c.backup)
-            write_bytes(backup, *c.backup);
+        if (c.primary) write_bytes(primary, *c.primary);
+        if (c.backup) write_bytes(backup, *c.backup);
         auto hc = new_handle();
-        EXPECT_EQ(hostconfig_load(hc.get(), primary.c_str(), c.pass_backup ? backup.c_str() : nullptr),
-                  c.result)
+        EXPECT_EQ(
+            hostconfig_load(hc.get(), primary.c_str(), c.pass_backup ? backup.c_str() : nullptr),
+            c.result)
             << c.what;
         if (c.result > 0) {
             ASSERT_EQ(hc->count, 1) << c.what;
@@ -312,8 +297,7 @@ TEST_F(HostconfigFiles, BackupFallback)
 
 namespace {
 
-Bytes with_header(Bytes img, std::uint16_t hdr_length, std::uint32_t body_length)
-{
+Bytes with_header(Bytes img, std::uint16_t hdr_length, std::uint32_t body_length) {
     img[14] = static_cast<std::uint8_t>(hdr_length);
     img[15] = static_cast<std::uint8_t>(hdr_length >> 8);
     for (int i = 0; i < 4; ++i)
@@ -322,8 +306,7 @@ Bytes with_header(Bytes img, std::uint16_t hdr_length, std::uint32_t body_length
 }
 
 // Recomputes only the image CRCs, so a deliberately broken part stays broken.
-Bytes reseal(Bytes img)
-{
+Bytes reseal(Bytes img) {
     std::span<const std::uint8_t> all(img);
     std::size_t hl = hcdecode::get16(all, 14);
     std::size_t bl = hcdecode::get32(all, 16);
@@ -331,14 +314,12 @@ Bytes reseal(Bytes img)
         for (int i = 0; i < 4; ++i)
             img[off + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
     };
-    if (8 + hl + bl <= img.size())
-        put(20, hcdecode::crc32(all.subspan(8 + hl, bl)));
+    if (8 + hl + bl <= img.size()) put(20, hcdecode::crc32(all.subspan(8 + hl, bl)));
     put(8, hcdecode::crc32(all.subspan(12, hl - 4)));
     return img;
 }
 
-Bytes n_parts(int n)
-{
+Bytes n_parts(int n) {
     std::vector<hcdecode::NewPart> parts;
     for (int i = 0; i < n; ++i)
         parts.push_back({"p" + std::to_string(i), {static_cast<std::uint8_t>(i)}});
@@ -347,8 +328,7 @@ Bytes n_parts(int n)
 
 } // namespace
 
-TEST_F(HostconfigFiles, ImagesTheLoaderRefuses)
-{
+TEST_F(HostconfigFiles, ImagesTheLoaderRefuses) {
     Bytes one = hcdecode::encode_image({{"KIV data", pattern(20)}});
     Bytes trailing_junk_32 = one;
     trailing_junk_32.insert(trailing_junk_32.end(), 32, 0xEE);
@@ -403,8 +383,7 @@ TEST_F(HostconfigFiles, ImagesTheLoaderRefuses)
     EXPECT_STREQ(hc->parts[19]->name, "p19");
 }
 
-TEST_F(HostconfigFiles, ExportedPartsSurviveAReloadAndResave)
-{
+TEST_F(HostconfigFiles, ExportedPartsSurviveAReloadAndResave) {
     // Load, copy every part into a fresh handle, save: the bytes come out the same.
     Bytes original = hcdecode::encode_image(
         {{"A", pattern(3)}, {"B", pattern(100, 5)}, {"KIV data", pattern(2964, 7)}});

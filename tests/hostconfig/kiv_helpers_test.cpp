@@ -27,24 +27,21 @@ struct Fixture {
     std::unique_ptr<kivl_data> data = std::make_unique<kivl_data>();
     std::unique_ptr<hostconfig> hc = std::make_unique<hostconfig>();
 
-    Fixture()
-    {
+    Fixture() {
         std::strcpy(options.hostcfg, dir.file("hostcfg").c_str());
         std::strcpy(options.device, "/dev/mtd%i");
     }
     std::string primary() const { return options.hostcfg; }
 };
 
-Bytes record_with_actset(std::uint8_t actset)
-{
+Bytes record_with_actset(std::uint8_t actset) {
     hcdecode::Record r;
     r.actset = actset;
     r.sets[0].name = "SAFESET";
     return hcdecode::encode_record(r);
 }
 
-template <typename F> std::string stderr_of(F &&f)
-{
+template <typename F> std::string stderr_of(F &&f) {
     testing::internal::CaptureStderr();
     f();
     return testing::internal::GetCapturedStderr();
@@ -52,13 +49,13 @@ template <typename F> std::string stderr_of(F &&f)
 
 } // namespace
 
-TEST(KivLoad, PrimaryCopyAndDevicePattern)
-{
+TEST(KivLoad, PrimaryCopyAndDevicePattern) {
     Fixture fx;
     write_bytes(fx.primary(), hcdecode::encode_image({{"KIV data", record_with_actset(2)}}));
     fx.data->rec.actset = 9;
     fx.data->pools_valid = 1;
-    std::string err = stderr_of([&] { EXPECT_EQ(load(&fx.options, fx.data.get(), fx.hc.get()), 1); });
+    std::string err =
+        stderr_of([&] { EXPECT_EQ(load(&fx.options, fx.data.get(), fx.hc.get()), 1); });
     EXPECT_EQ(err, "");
     EXPECT_EQ(fx.data->rec.actset, 2);
     EXPECT_STREQ(fx.data->rec.sets[0].name, "SAFESET");
@@ -67,8 +64,7 @@ TEST(KivLoad, PrimaryCopyAndDevicePattern)
     EXPECT_EQ(fx.hc->count, 1);
 }
 
-TEST(KivLoad, Failures)
-{
+TEST(KivLoad, Failures) {
     struct Case {
         const char *what;
         std::vector<hcdecode::NewPart> primary; // empty: no file
@@ -77,29 +73,31 @@ TEST(KivLoad, Failures)
     };
     const Case cases[] = {
         {"no hostconfig", {}, false, "hostconfig_load failed.\n"},
-        {"corrupt hostconfig", {{"KIV data", record_with_actset(1)}}, true,
+        {"corrupt hostconfig",
+         {{"KIV data", record_with_actset(1)}},
+         true,
          "hostconfig_load failed.\n"},
         {"no KIV data part", {{"other", {1, 2, 3}}}, false, "kivl_hostconfig_import failed.\n"},
-        {"short KIV data part", {{"KIV data", Bytes(2000, 0)}}, false,
+        {"short KIV data part",
+         {{"KIV data", Bytes(2000, 0)}},
+         false,
          "kivl_hostconfig_import failed.\n"},
     };
     for (const Case &c : cases) {
         Fixture fx;
         if (!c.primary.empty()) {
             Bytes img = hcdecode::encode_image(c.primary);
-            if (c.corrupt)
-                img[100] ^= 0xFF;
+            if (c.corrupt) img[100] ^= 0xFF;
             write_bytes(fx.primary(), img);
         }
-        std::string err =
-            stderr_of([&] { EXPECT_EQ(load(&fx.options, fx.data.get(), fx.hc.get()), -1) << c.what; });
+        std::string err = stderr_of(
+            [&] { EXPECT_EQ(load(&fx.options, fx.data.get(), fx.hc.get()), -1) << c.what; });
         EXPECT_EQ(err, c.message) << c.what;
         EXPECT_EQ(fx.data->device, fx.options.device) << c.what;
     }
 }
 
-TEST(KivLoad, BackupInARegularFileNeverTakesPart)
-{
+TEST(KivLoad, BackupInARegularFileNeverTakesPart) {
     Fixture fx;
     std::string backup = fx.dir.file("hostcfg.bak");
     std::strcpy(fx.options.hostcfg_backup, backup.c_str());
@@ -107,23 +105,23 @@ TEST(KivLoad, BackupInARegularFileNeverTakesPart)
     Bytes corrupt = hcdecode::encode_image({{"KIV data", record_with_actset(2)}});
     corrupt[100] ^= 0xFF;
     write_bytes(fx.primary(), corrupt);
-    std::string err = stderr_of([&] { EXPECT_EQ(load(&fx.options, fx.data.get(), fx.hc.get()), -1); });
+    std::string err =
+        stderr_of([&] { EXPECT_EQ(load(&fx.options, fx.data.get(), fx.hc.get()), -1); });
     EXPECT_EQ(err, "hostconfig_load failed.\n");
 }
 
-TEST(KivSave, RebuildsWithKivDataLast)
-{
+TEST(KivSave, RebuildsWithKivDataLast) {
     Fixture fx;
-    write_bytes(fx.primary(),
-                hcdecode::encode_image({{"A", {1, 2, 3}},
-                                        {"KIV data", record_with_actset(1)},
-                                        {"KIV data2", {4}},
-                                        {"B", Bytes(10, 5)}}));
+    write_bytes(fx.primary(), hcdecode::encode_image({{"A", {1, 2, 3}},
+                                                      {"KIV data", record_with_actset(1)},
+                                                      {"KIV data2", {4}},
+                                                      {"B", Bytes(10, 5)}}));
     ASSERT_EQ(load(&fx.options, fx.data.get(), fx.hc.get()), 1);
     Bytes loaded_before(fx.hc->image, fx.hc->image + HOSTCONFIG_MAX_SIZE);
     fx.data->rec.actset = 2;
 
-    std::string err = stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "test"), 1); });
+    std::string err =
+        stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "test"), 1); });
     EXPECT_EQ(err, "");
     EXPECT_EQ(kiv_critical_depth, 0);
     EXPECT_EQ(Bytes(fx.hc->image, fx.hc->image + HOSTCONFIG_MAX_SIZE), loaded_before);
@@ -140,8 +138,7 @@ TEST(KivSave, RebuildsWithKivDataLast)
     EXPECT_EQ(rec->actset, 2);
 }
 
-TEST(KivSave, WithoutALoadedHostconfig)
-{
+TEST(KivSave, WithoutALoadedHostconfig) {
     // What initialize does: a handle fresh from hostconfig_new, no parts to carry over.
     Fixture fx;
     ASSERT_EQ(kivl_init(fx.data.get()), 1);
@@ -154,13 +151,13 @@ TEST(KivSave, WithoutALoadedHostconfig)
     EXPECT_EQ(hcdecode::encode_record(*rec), Bytes(2964, 0));
 }
 
-TEST(KivSave, Failures)
-{
+TEST(KivSave, Failures) {
     {
         Fixture fx; // primary in a directory that does not exist
         std::strcpy(fx.options.hostcfg, fx.dir.file("no/such/hostcfg").c_str());
         ASSERT_EQ(hostconfig_new(fx.hc.get(), HOSTCONFIG_MAX_SIZE), 1);
-        std::string err = stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "x"), -1); });
+        std::string err =
+            stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "x"), -1); });
         EXPECT_EQ(err, "hostconfig_save failed.\n");
         EXPECT_EQ(kiv_critical_depth, 0); // the end marker ran too
     }
@@ -169,7 +166,8 @@ TEST(KivSave, Failures)
         ASSERT_EQ(hostconfig_new(fx.hc.get(), HOSTCONFIG_MAX_SIZE), 1);
         Bytes big(2500, 7);
         ASSERT_EQ(hostconfig_add_body(fx.hc.get(), big.data(), 2500, "big"), 1);
-        std::string err = stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "x"), -1); });
+        std::string err =
+            stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "x"), -1); });
         EXPECT_EQ(err, "kivl_hostconfig_export failed.\n");
         EXPECT_FALSE(std::filesystem::exists(fx.primary()));
         EXPECT_EQ(kiv_critical_depth, 0);
@@ -179,13 +177,13 @@ TEST(KivSave, Failures)
         ASSERT_EQ(hostconfig_new(fx.hc.get(), HOSTCONFIG_MAX_SIZE), 1);
         for (int i = 0; i < 20; ++i)
             ASSERT_EQ(hostconfig_add_body(fx.hc.get(), "x", 1, "p"), 1);
-        std::string err = stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "x"), -1); });
+        std::string err =
+            stderr_of([&] { EXPECT_EQ(save(&fx.options, fx.data.get(), fx.hc.get(), "x"), -1); });
         EXPECT_EQ(err, "kivl_hostconfig_export failed.\n");
     }
 }
 
-TEST(KivSave, BackupInARegularFileIsNotWritten)
-{
+TEST(KivSave, BackupInARegularFileIsNotWritten) {
     Fixture fx;
     std::string backup = fx.dir.file("hostcfg.bak");
     std::strcpy(fx.options.hostcfg_backup, backup.c_str());
@@ -203,8 +201,7 @@ struct Feed {
     std::size_t give_back_less_by = 0;
 };
 
-std::size_t consume(void *buffer, std::size_t size, std::size_t count, void *context)
-{
+std::size_t consume(void *buffer, std::size_t size, std::size_t count, void *context) {
     auto *feed = static_cast<Feed *>(context);
     EXPECT_EQ(size, 1u);
     feed->calls.push_back(count);
@@ -214,8 +211,7 @@ std::size_t consume(void *buffer, std::size_t size, std::size_t count, void *con
 
 } // namespace
 
-TEST(KivFeedFile, ReadsAtMostTheBuffer)
-{
+TEST(KivFeedFile, ReadsAtMostTheBuffer) {
     struct Case {
         const char *what;
         std::size_t file_size;
@@ -241,7 +237,8 @@ TEST(KivFeedFile, ReadsAtMostTheBuffer)
         std::vector<std::uint8_t> buffer(1024, 0);
         Feed feed;
         feed.give_back_less_by = c.shortfall;
-        EXPECT_EQ(kiv_feed_file(path.c_str(), buffer.data(), buffer.size(), consume, &feed), c.result)
+        EXPECT_EQ(kiv_feed_file(path.c_str(), buffer.data(), buffer.size(), consume, &feed),
+                  c.result)
             << c.what;
         EXPECT_EQ(feed.calls, c.calls) << c.what;
         for (const void *start : feed.starts)
@@ -253,17 +250,17 @@ TEST(KivFeedFile, ReadsAtMostTheBuffer)
     }
 }
 
-TEST(KivFeedFile, UnopenableFileNeverCallsTheConsumer)
-{
+TEST(KivFeedFile, UnopenableFileNeverCallsTheConsumer) {
     TempDir dir;
     std::vector<std::uint8_t> buffer(64);
     Feed feed;
-    EXPECT_EQ(kiv_feed_file(dir.file("absent").c_str(), buffer.data(), buffer.size(), consume, &feed), 0u);
+    EXPECT_EQ(
+        kiv_feed_file(dir.file("absent").c_str(), buffer.data(), buffer.size(), consume, &feed),
+        0u);
     EXPECT_TRUE(feed.calls.empty());
 }
 
-TEST(KivParseSetid, NumbersAndNames)
-{
+TEST(KivParseSetid, NumbersAndNames) {
     auto data = std::make_unique<kivl_data>();
     kivl_init(data.get());
     std::strcpy(data->rec.sets[0].name, "SAFESET");
@@ -274,17 +271,30 @@ TEST(KivParseSetid, NumbersAndNames)
         int result;
     };
     const Case cases[] = {
-        {"0", 0}, {"1", 1}, {"2", 2}, {"3", -1}, {"08", 0}, {"010", -1}, {"0x2", 2},
-        {"1x", 1}, {"SAFESET", 0}, {"SET1", 1}, {"SET2", -1}, {"", -1}, {"-1", -1},
-        {"+1", -1}, {" 1", -1}, {"7up", -1}, // a digit first means a number, never a name
-        {"99999999999999999999", -1}, {nullptr, -1},
+        {"0", 0},
+        {"1", 1},
+        {"2", 2},
+        {"3", -1},
+        {"08", 0},
+        {"010", -1},
+        {"0x2", 2},
+        {"1x", 1},
+        {"SAFESET", 0},
+        {"SET1", 1},
+        {"SET2", -1},
+        {"", -1},
+        {"-1", -1},
+        {"+1", -1},
+        {" 1", -1},
+        {"7up", -1}, // a digit first means a number, never a name
+        {"99999999999999999999", -1},
+        {nullptr, -1},
     };
     for (const Case &c : cases)
         EXPECT_EQ(kiv_parse_setid(data.get(), c.word), c.result) << (c.word ? c.word : "(null)");
 }
 
-TEST(KivDump, FreshRecordListingThenStates)
-{
+TEST(KivDump, FreshRecordListingThenStates) {
     auto data = std::make_unique<kivl_data>();
     kivl_init(data.get());
     std::strcpy(data->rec.partinfo[3].poolname, "P");

@@ -9,15 +9,13 @@
 
 namespace {
 
-std::unique_ptr<kivl_data> new_data()
-{
+std::unique_ptr<kivl_data> new_data() {
     auto data = std::make_unique<kivl_data>();
     EXPECT_EQ(kivl_init(data.get()), 1);
     return data;
 }
 
-template <typename F> std::string captured(F &&print)
-{
+template <typename F> std::string captured(F &&print) {
     testing::internal::CaptureStdout();
     print();
     return testing::internal::GetCapturedStdout();
@@ -37,15 +35,13 @@ const char *const HEADINGS =
 
 } // namespace
 
-TEST(KivlDump, FreshRecordPrintsOnlyHeadings)
-{
+TEST(KivlDump, FreshRecordPrintsOnlyHeadings) {
     auto data = new_data();
     kivl_partpool_generate(data.get());
     EXPECT_EQ(captured([&] { kivl_dump_info(data.get()); }), HEADINGS);
 }
 
-TEST(KivlDump, FullListing)
-{
+TEST(KivlDump, FullListing) {
     auto data = new_data();
     kivl_record &rec = data->rec;
     rec.actset = 1;
@@ -114,8 +110,7 @@ TEST(KivlDump, FullListing)
     EXPECT_EQ(captured([&] { kivl_dump_info(data.get()); }), expected);
 }
 
-TEST(KivlDump, SetRowsWithoutRefsOrActiveMark)
-{
+TEST(KivlDump, SetRowsWithoutRefsOrActiveMark) {
     auto data = new_data();
     std::strcpy(data->rec.sets[2].name, "SET2");
     data->rec.sets[2].refs[0] = -1;
@@ -126,8 +121,7 @@ TEST(KivlDump, SetRowsWithoutRefsOrActiveMark)
     EXPECT_EQ(out.find("ACTIVE SET"), std::string::npos);
 }
 
-TEST(KivlDump, UnterminatedFieldsStayInsideTheirWidth)
-{
+TEST(KivlDump, UnterminatedFieldsStayInsideTheirWidth) {
     auto data = new_data();
     std::memset(data->rec.sets[0].name, 'S', sizeof data->rec.sets[0].name);
     std::memset(data->rec.partinfo[0].poolname, 'P', KIVL_POOLNAME_LEN);
@@ -147,8 +141,7 @@ TEST(KivlDump, UnterminatedFieldsStayInsideTheirWidth)
         << out;
 }
 
-TEST(KivlDump, Times)
-{
+TEST(KivlDump, Times) {
     struct Case {
         std::uint32_t t;
         const char *text;

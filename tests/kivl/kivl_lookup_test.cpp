@@ -10,15 +10,13 @@
 
 namespace {
 
-std::unique_ptr<kivl_data> new_data()
-{
+std::unique_ptr<kivl_data> new_data() {
     auto data = std::make_unique<kivl_data>();
     EXPECT_EQ(kivl_init(data.get()), 1);
     return data;
 }
 
-void define_set(kivl_data &data, int s, const char *name, std::vector<int> refs)
-{
+void define_set(kivl_data &data, int s, const char *name, std::vector<int> refs) {
     kivl_set &set = data.rec.sets[s];
     std::strcpy(set.name, name);
     std::memset(set.refs, -1, sizeof set.refs);
@@ -26,16 +24,14 @@ void define_set(kivl_data &data, int s, const char *name, std::vector<int> refs)
         set.refs[k] = static_cast<std::int8_t>(refs[k]);
 }
 
-void use_partition(kivl_data &data, int i, const char *pool)
-{
+void use_partition(kivl_data &data, int i, const char *pool) {
     std::strcpy(data.rec.partinfo[i].poolname, pool);
     data.rec.partinfo[i].pn = static_cast<std::uint8_t>(i);
 }
 
 } // namespace
 
-TEST(KivlSets, ActiveSetAndLookupByName)
-{
+TEST(KivlSets, ActiveSetAndLookupByName) {
     auto data = new_data();
     define_set(*data, 0, "SAFESET", {0});
     define_set(*data, 2, "ABCDEFGHIJKLMN", {1});
@@ -46,22 +42,20 @@ TEST(KivlSets, ActiveSetAndLookupByName)
         int result;
     };
     const Case cases[] = {
-        {"SAFESET", 0}, {"ABCDEFGHIJKLMN", 2}, {"", -2}, {"SET1", -1}, {"SAFE", -1},
-        {"SAFESETX", -1}, {"safeset", -1},
+        {"SAFESET", 0}, {"ABCDEFGHIJKLMN", 2}, {"", -2},        {"SET1", -1},
+        {"SAFE", -1},   {"SAFESETX", -1},      {"safeset", -1},
     };
     for (const Case &c : cases)
         EXPECT_EQ(kivl_getsetidx(data.get(), c.name), c.result) << c.name;
 }
 
-TEST(KivlSets, UndefinedSetsNeverMatch)
-{
+TEST(KivlSets, UndefinedSetsNeverMatch) {
     auto data = new_data();
     EXPECT_EQ(kivl_getsetidx(data.get(), "SAFESET"), -1);
     EXPECT_EQ(kivl_getsetidx(data.get(), "x"), -1);
 }
 
-TEST(KivlSets, OwnershipScansAllTwentyRefs)
-{
+TEST(KivlSets, OwnershipScansAllTwentyRefs) {
     auto data = new_data();
     define_set(*data, 0, "SAFESET", {0, 1});
     define_set(*data, 1, "SET1", {2, 3});
@@ -74,14 +68,11 @@ TEST(KivlSets, OwnershipScansAllTwentyRefs)
         int result;
     };
     const Case cases[] = {
-        {3, 1, 1},  // set 2 lists 3 after its -1
-        {3, 2, 1},  // set 1 lists it too
-        {2, 1, 0},  // only set 1 has it
-        {7, 0, 1},  // last ref byte counts
-        {7, 2, 0},
-        {0, 0, 0},
-        {0, 1, 1},
-        {-1, 0, 1}, // the terminators themselves are refs bytes
+        {3, 1, 1},                                    // set 2 lists 3 after its -1
+        {3, 2, 1},                                    // set 1 lists it too
+        {2, 1, 0},                                    // only set 1 has it
+        {7, 0, 1},                                    // last ref byte counts
+        {7, 2, 0},  {0, 0, 0}, {0, 1, 1}, {-1, 0, 1}, // the terminators themselves are refs bytes
         {19, 0, 0},
     };
     for (const Case &c : cases)
@@ -89,15 +80,13 @@ TEST(KivlSets, OwnershipScansAllTwentyRefs)
             << c.pidx << " except " << c.except;
 }
 
-TEST(KivlSets, NeverWrittenRefsListPartitionZero)
-{
+TEST(KivlSets, NeverWrittenRefsListPartitionZero) {
     auto data = new_data();
     EXPECT_EQ(kivl_partinfo_owned_by_set(data.get(), 0, 1), 1);
     EXPECT_EQ(kivl_partinfo_owned_by_set(data.get(), 1, 1), 0);
 }
 
-TEST(KivlPartinfo, MarkMetaInvalidKeepsTheLayout)
-{
+TEST(KivlPartinfo, MarkMetaInvalidKeepsTheLayout) {
     auto data = new_data();
     kivl_partinfo &pi = data->rec.partinfo[6];
     std::strcpy(pi.poolname, "rootfs");
@@ -121,8 +110,7 @@ TEST(KivlPartinfo, MarkMetaInvalidKeepsTheLayout)
     EXPECT_EQ(data->rec.pinfometa[7].hdr.body_length.get(), 0x77777777u); // neighbour untouched
 }
 
-TEST(KivlVersions, MinimumVersion)
-{
+TEST(KivlVersions, MinimumVersion) {
     zunf_release_header rh{};
     rh.release_version_major = 2;
     rh.release_version_minor = 1;
@@ -136,8 +124,8 @@ TEST(KivlVersions, MinimumVersion)
         int result;
     };
     const Case cases[] = {
-        {2, 1, 7, 1}, {2, 1, 8, 0}, {1, 9, 999, 1}, {2, 2, 0, 0}, {2, 0, 65535, 1},
-        {3, 0, 0, 0}, {0, 0, 0, 1}, {2, 1, 6, 1},
+        {2, 1, 7, 1},     {2, 1, 8, 0}, {1, 9, 999, 1}, {2, 2, 0, 0},
+        {2, 0, 65535, 1}, {3, 0, 0, 0}, {0, 0, 0, 1},   {2, 1, 6, 1},
     };
     for (const Case &c : cases) {
         EXPECT_EQ(kivl_check_minver(&rh, c.major, c.minor, c.build), c.result)
@@ -152,8 +140,7 @@ TEST(KivlVersions, MinimumVersion)
     EXPECT_EQ(kivl_check_minver(&rh, 100, 0, 0), 1);
 }
 
-TEST(KivlPools, GroupedInOrderOfFirstMention)
-{
+TEST(KivlPools, GroupedInOrderOfFirstMention) {
     auto data = new_data();
     use_partition(*data, 0, "P1");
     use_partition(*data, 1, "P2");
@@ -177,8 +164,8 @@ TEST(KivlPools, GroupedInOrderOfFirstMention)
         std::vector<std::uint8_t> members;
     };
     const Case cases[] = {
-        {"P1", 2, {0, 2}}, {"P2", 1, {1}}, {"P3", 1, {5}}, {"P4", -1, {}}, {"P", -1, {}},
-        {"", 0, {}}, // an empty name finds the first free slot
+        {"P1", 2, {0, 2}}, {"P2", 1, {1}}, {"P3", 1, {5}},
+        {"P4", -1, {}},    {"P", -1, {}},  {"", 0, {}}, // an empty name finds the first free slot
     };
     for (const Case &c : cases) {
         EXPECT_EQ(kivl_partpool_items_count(data.get(), c.pool), c.count) << c.pool;
@@ -192,8 +179,7 @@ TEST(KivlPools, GroupedInOrderOfFirstMention)
     }
 }
 
-TEST(KivlPools, RegenerationForgetsOldPools)
-{
+TEST(KivlPools, RegenerationForgetsOldPools) {
     auto data = new_data();
     use_partition(*data, 3, "old");
     kivl_partpool_generate(data.get());
@@ -205,8 +191,7 @@ TEST(KivlPools, RegenerationForgetsOldPools)
     EXPECT_EQ(data->pools_count, 1u);
 }
 
-TEST(KivlPools, TwentyPartitionsInOnePoolAndTwentyPools)
-{
+TEST(KivlPools, TwentyPartitionsInOnePoolAndTwentyPools) {
     auto one = new_data();
     for (int i = 0; i < 20; ++i)
         use_partition(*one, i, "all");
@@ -228,8 +213,7 @@ namespace {
 
 // A release header part as it lies in an image: 76 header bytes, then the body text.
 // `body_length` may be shorter than the text to show that the scan stops there.
-std::vector<std::uint8_t> release_part(const std::string &text, std::uint32_t body_length)
-{
+std::vector<std::uint8_t> release_part(const std::string &text, std::uint32_t body_length) {
     std::vector<std::uint8_t> part(ZUNF_RELEASE_PART_HDR_LEN + text.size() + 1, 0);
     auto *hdr = reinterpret_cast<zunf_content_header *>(part.data());
     hdr->type_id = ZUNF_TYPE_RELEASE_HEADER;
@@ -241,8 +225,7 @@ std::vector<std::uint8_t> release_part(const std::string &text, std::uint32_t bo
 
 } // namespace
 
-TEST(KivlModel, ProductListMatching)
-{
+TEST(KivlModel, ProductListMatching) {
     const std::string listed = "products=m1,m2\n";
     const std::string unterminated = "products=m1,m2";
     const std::string in_text = "Release 4.2\nfixes\nproducts=alpha,beta\nnotes=gamma,\n";
@@ -274,18 +257,17 @@ TEST(KivlModel, ProductListMatching)
         {"products=m1,,m2\n", 0, "m2", 1},
     };
     for (const Case &c : cases) {
-        std::uint32_t len = c.body_length ? c.body_length
-                                          : static_cast<std::uint32_t>(c.text.size() + 1);
+        std::uint32_t len =
+            c.body_length ? c.body_length : static_cast<std::uint32_t>(c.text.size() + 1);
         auto part = release_part(c.text, len);
-        EXPECT_EQ(kivl_match_model(reinterpret_cast<const zunf_content_header *>(part.data()),
-                                   c.model),
-                  c.result)
+        EXPECT_EQ(
+            kivl_match_model(reinterpret_cast<const zunf_content_header *>(part.data()), c.model),
+            c.result)
             << "'" << c.text << "' len " << len << " model " << c.model;
     }
 }
 
-TEST(KivlCsv, FieldSplitting)
-{
+TEST(KivlCsv, FieldSplitting) {
     struct Case {
         const char *src;
         int max;

@@ -15,29 +15,25 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-std::unique_ptr<hostconfig> new_handle(std::uint32_t capacity = HOSTCONFIG_MAX_SIZE)
-{
+std::unique_ptr<hostconfig> new_handle(std::uint32_t capacity = HOSTCONFIG_MAX_SIZE) {
     auto hc = std::make_unique<hostconfig>();
     EXPECT_EQ(hostconfig_new(hc.get(), capacity), 1);
     return hc;
 }
 
-std::unique_ptr<kivl_data> new_data()
-{
+std::unique_ptr<kivl_data> new_data() {
     auto data = std::make_unique<kivl_data>();
     EXPECT_EQ(kivl_init(data.get()), 1);
     return data;
 }
 
-Bytes record_bytes(const kivl_data &data)
-{
+Bytes record_bytes(const kivl_data &data) {
     const auto *p = reinterpret_cast<const std::uint8_t *>(&data.rec);
     return Bytes(p, p + sizeof data.rec);
 }
 
 // Every byte of the record different, so a shifted or truncated copy shows.
-void fill_pattern(kivl_data &data)
-{
+void fill_pattern(kivl_data &data) {
     auto *p = reinterpret_cast<std::uint8_t *>(&data.rec);
     for (std::size_t i = 0; i < sizeof data.rec; ++i)
         p[i] = static_cast<std::uint8_t>(i * 13 + i / 256);
@@ -45,8 +41,7 @@ void fill_pattern(kivl_data &data)
 
 } // namespace
 
-TEST(KivlInit, ClearsEverything)
-{
+TEST(KivlInit, ClearsEverything) {
     auto data = std::make_unique<kivl_data>();
     std::memset(static_cast<void *>(data.get()), 0x5A, sizeof *data);
     EXPECT_EQ(kivl_init(data.get()), 1);
@@ -57,8 +52,7 @@ TEST(KivlInit, ClearsEverything)
     EXPECT_EQ(data->pools[19].cnt, 0);
 }
 
-TEST(KivlRecord, FieldsLandAtTheirPersistedOffsets)
-{
+TEST(KivlRecord, FieldsLandAtTheirPersistedOffsets) {
     auto data = new_data();
     kivl_record &rec = data->rec;
     rec.actset = 2;
@@ -122,8 +116,7 @@ TEST(KivlRecord, FieldsLandAtTheirPersistedOffsets)
     EXPECT_EQ(record_bytes(*data)[1 + 36 + 15], 0);
 }
 
-TEST(KivlRecord, ExportSaveLoadImportIsByteIdentical)
-{
+TEST(KivlRecord, ExportSaveLoadImportIsByteIdentical) {
     TempDir dir;
     const std::string path = dir.file("hostcfg");
     auto out = new_data();
@@ -148,8 +141,7 @@ TEST(KivlRecord, ExportSaveLoadImportIsByteIdentical)
     EXPECT_EQ(img.find("KIV data")->body, record_bytes(*out));
 }
 
-TEST(KivlRecord, FreshRecordMakesA3020ByteHostconfig)
-{
+TEST(KivlRecord, FreshRecordMakesA3020ByteHostconfig) {
     TempDir dir;
     const std::string path = dir.file("hostcfg");
     auto data = new_data();
@@ -165,8 +157,7 @@ TEST(KivlRecord, FreshRecordMakesA3020ByteHostconfig)
     EXPECT_EQ(img.parts[0].body, Bytes(2964, 0));
 }
 
-TEST(KivlRecord, ExportNeedsRoomForTheWholeRecord)
-{
+TEST(KivlRecord, ExportNeedsRoomForTheWholeRecord) {
     auto data = new_data();
     auto hc = new_handle(24 + 32 + 2963);
     EXPECT_EQ(kivl_hostconfig_export(data.get(), hc.get()), -1);
@@ -175,8 +166,7 @@ TEST(KivlRecord, ExportNeedsRoomForTheWholeRecord)
     EXPECT_EQ(kivl_hostconfig_export(data.get(), exact.get()), 1);
 }
 
-TEST(KivlRecord, ImportNeedsAWholeKivDataBody)
-{
+TEST(KivlRecord, ImportNeedsAWholeKivDataBody) {
     struct Case {
         const char *what;
         std::vector<hcdecode::NewPart> parts;
