@@ -10,8 +10,3 @@ static int not_built()
 }
 
 int kiv_install(kiv_options *) { return not_built(); }
-int kiv_getrh(kiv_options *) { return not_built(); }
-int kiv_activate(kiv_options *) { return not_built(); }
-int kiv_upgrade(kiv_options *) { return not_built(); }
-int verify_sets(kiv_options *) { return not_built(); }
-int kiv_getpartset(kiv_options *) { return not_built(); }

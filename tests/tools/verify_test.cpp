@@ -1,0 +1,299 @@
+// The partition content check on partitions stood in for by files: every layout an install
+// writes, every way a partition can fail to match, and the per-set check with its report.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <vector>
+
+#include "common/temp_dir.hpp"
+#include "front/fd_capture.hpp"
+#include "kivl/kivl.hpp"
+#include "mkzunf/zunf_builder.hpp"
+#include "tools/verify.hpp"
+
+namespace {
+
+using mkzunf::Bytes;
+
+Bytes pattern_bytes(std::size_t n, std::uint8_t seed) {
+    Bytes b(n);
+    for (std::size_t i = 0; i < n; ++i)
+        b[i] = static_cast<std::uint8_t>(seed + i * 7 + (i >> 8));
+    return b;
+}
+
+// An upgrade data object whose partition devices are files part<pn> in a scratch directory.
+class Partitions : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        kivl_init(&data);
+        pattern = dir.file("part%i");
+        data.device = pattern.c_str();
+        for (auto &set : data.rec.sets)
+            for (auto &ref : set.refs)
+                ref = -1;
+    }
+
+    std::string device(int pn) const { return dir.file("part" + std::to_string(pn)); }
+
+    // Records content for entry i (device part<pn>) and writes the partition in layout wts;
+    // the partition is padded like erased flash.
+    void install(int i, int wts, const Bytes &content, int pn = -1, const char *pool = "POOL") {
+        pn = pn < 0 ? i : pn;
+        zunf_pinfometa block =
+            mkzunf::make_software_block("sw" + std::to_string(i), {1, 2, 3}, "b", content);
+        data.rec.pinfometa[i] = block;
+        data.rec.partinfo[i].pn = static_cast<std::uint8_t>(pn);
+        std::snprintf(data.rec.partinfo[i].poolname, sizeof data.rec.partinfo[i].poolname, "%s",
+                      pool);
+        Bytes flash = mkzunf::build_partition(wts, block, content);
+        mkzunf::pad_to(flash, flash.size() + 1000);
+        write_bytes(device(pn), flash);
+    }
+
+    void refs(int set, std::vector<int> list) {
+        for (std::size_t k = 0; k < list.size(); ++k)
+            data.rec.sets[set].refs[k] = static_cast<std::int8_t>(list[k]);
+    }
+
+    TempDir dir;
+    std::string pattern;
+    kivl_data data;
+};
+
+TEST_F(Partitions, EachLayoutIsFoundWhereTheInstallPutsIt) {
+    // Sizes around the 4096-byte chunk so that the chained CRC is exercised across reads.
+    for (std::size_t size : {1u, 10u, 4095u, 4096u, 4097u, 8192u, 3u * 4096u + 123u}) {
+        SCOPED_TRACE(size);
+        const Bytes content = pattern_bytes(size, static_cast<std::uint8_t>(size));
+        struct Row {
+            int written;
+            int checked;
+            int expected;
+        };
+        const Row rows[] = {
+            {1, 1, KIV_CRC_OK},         {1, 3, KIV_CRC_OK},       // body from offset 0 alike
+            {1, 2, KIV_CRC_UNREADABLE},                           // no header in front
+            {2, 2, KIV_CRC_OK},         {2, 1, KIV_CRC_MISMATCH}, // the header is read as content
+            {3, 3, KIV_CRC_OK},         {3, 1, KIV_CRC_OK},       {3, 2, KIV_CRC_UNREADABLE},
+        };
+        for (const Row &row : rows) {
+            SCOPED_TRACE(::testing::Message()
+                         << "written " << row.written << " checked " << row.checked);
+            install(4, row.written, content);
+            EXPECT_EQ(crc32_check(&data, 4, row.checked), row.expected);
+        }
+    }
+}
+
+TEST_F(Partitions, ContentThatNoLongerMatches) {
+    const Bytes content = pattern_bytes(3 * 4096 + 17, 9);
+
+    install(0, 1, content);
+    Bytes flash = read_bytes(device(0));
+    flash[content.size() - 1] ^= 0x01; // last byte of the last chunk
+    write_bytes(device(0), flash);
+    EXPECT_EQ(crc32_check(&data, 0, 1), KIV_CRC_MISMATCH);
+
+    // A device that ends inside the content: what there is is compared.
+    install(1, 1, content);
+    write_bytes(device(1), Bytes(content.begin(), content.begin() + 5000));
+    EXPECT_EQ(crc32_check(&data, 1, 1), KIV_CRC_MISMATCH);
+
+    // The header in front of the content differs from the recorded one.
+    install(2, 2, content);
+    flash = read_bytes(device(2));
+    flash[40] ^= 0x80; // sw_build_id
+    write_bytes(device(2), flash);
+    EXPECT_EQ(crc32_check(&data, 2, 2), KIV_CRC_UNREADABLE);
+
+    // The device ends inside the header.
+    install(3, 2, content);
+    flash = read_bytes(device(3));
+    flash.resize(63);
+    write_bytes(device(3), flash);
+    EXPECT_EQ(crc32_check(&data, 3, 2), KIV_CRC_UNREADABLE);
+}
+
+TEST_F(Partitions, NothingRecordedIsNotChecked) {
+    const Bytes content = pattern_bytes(100, 1);
+    install(5, 1, content);
+    ::unlink(device(5).c_str()); // not even opened
+
+    data.rec.pinfometa[5].hdr.body_length = 0;
+    for (int wts : {1, 2, 3})
+        EXPECT_EQ(crc32_check(&data, 5, wts), KIV_CRC_NOT_RECORDED);
+
+    data.rec.pinfometa[5].hdr.body_length = 100;
+    data.rec.pinfometa[5].hdr.body_crc = 0;
+    for (int wts : {1, 2, 3})
+        EXPECT_EQ(crc32_check(&data, 5, wts), KIV_CRC_NOT_RECORDED);
+}
+
+TEST_F(Partitions, DevicesThatCannotBeRead) {
+    const Bytes content = pattern_bytes(100, 2);
+    install(6, 1, content);
+    ::unlink(device(6).c_str());
+    for (int wts : {1, 2, 3})
+        EXPECT_EQ(crc32_check(&data, 6, wts), KIV_CRC_UNREADABLE);
+
+    // Opens, but every read fails.
+    ASSERT_EQ(::mkdir(device(6).c_str(), 0700), 0);
+    for (int wts : {1, 2, 3})
+        EXPECT_EQ(crc32_check(&data, 6, wts), KIV_CRC_UNREADABLE);
+    ::rmdir(device(6).c_str());
+}
+
+TEST_F(Partitions, RecordedHeaderLengthsThatCannotBeCompared) {
+    const Bytes content = pattern_bytes(200, 3);
+    install(7, 2, content);
+    ASSERT_EQ(crc32_check(&data, 7, 2), KIV_CRC_OK);
+    for (std::uint16_t length :
+         {std::uint16_t{0}, std::uint16_t{65}, std::uint16_t{4097}, std::uint16_t{0xFFFF}}) {
+        SCOPED_TRACE(length);
+        data.rec.pinfometa[7].hdr.hdr_length = length;
+        EXPECT_EQ(crc32_check(&data, 7, 2), KIV_CRC_UNREADABLE);
+        // The other layouts do not look at the header.
+        install(8, 1, content);
+        data.rec.pinfometa[8].hdr.hdr_length = length;
+        EXPECT_EQ(crc32_check(&data, 8, 1), KIV_CRC_OK);
+    }
+}
+
+TEST_F(Partitions, DeviceNamedByPartitionNumber) {
+    const Bytes content = pattern_bytes(50, 4);
+    install(3, 1, content, 17);
+    EXPECT_EQ(crc32_check(&data, 3, 1), KIV_CRC_OK);
+    data.rec.partinfo[3].pn = 3; // nothing there
+    EXPECT_EQ(crc32_check(&data, 3, 1), KIV_CRC_UNREADABLE);
+}
+
+TEST(DevicePath, PatternsAndBounds) {
+    struct Row {
+        std::string pattern;
+        int pn;
+        std::string path; // "" when refused
+    };
+    const std::string long_dir = "/" + std::string(94, 'd') + "/"; // 96 characters
+    const std::vector<Row> rows = {
+        {"/dev/mtd%i", 5, "/dev/mtd5"},
+        {"/dev/mtd%d", 19, "/dev/mtd19"},
+        {"/dev/p%03d", 7, "/dev/p007"},
+        {"/dev/100%%/p%i", 1, "/dev/100%/p1"},
+        {long_dir + "p%i", 1, long_dir + "p1"},   // 98
+        {long_dir + "p%i", 12, long_dir + "p12"}, // 99
+        {long_dir + "p%i", 123, ""},              // 100
+        {"/dev/mtd", 1, ""},
+        {"/dev/mtd%i%i", 1, ""},
+        {"/dev/%s", 1, ""},
+        {"/dev/mtd%", 1, ""},
+        {"/dev/mtd%ld", 1, ""},
+        {"/dev/mtd%200i", 1, ""},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.pattern);
+        char out[KIV_DEVICE_PATH_MAX + 1];
+        const int n = kiv_device_path(out, sizeof out, row.pattern.c_str(), row.pn);
+        EXPECT_EQ(n, row.path.empty() ? -1 : static_cast<int>(row.path.size()));
+        EXPECT_EQ(std::string(out), row.path);
+    }
+    char small[8];
+    EXPECT_EQ(kiv_device_path(small, sizeof small, "/dev/mtd%i", 10), -1);
+    EXPECT_EQ(std::string(small), "");
+}
+
+TEST_F(Partitions, TooLongADevicePathIsNotOpenedCut) {
+    // A file exists under the cut name; the check must not read it.
+    const std::string long_pattern = dir.file(std::string(120, 'x') + "%i");
+    const Bytes content = pattern_bytes(10, 5);
+    install(0, 1, content);
+    data.device = long_pattern.c_str();
+    EXPECT_EQ(crc32_check(&data, 0, 1), KIV_CRC_UNREADABLE);
+}
+
+struct SetReport {
+    int result;
+    std::string out;
+};
+
+SetReport run_verify_set(const kivl_data &data, int set, int verbose) {
+    kiv_options options{};
+    FdCapture out(1);
+    int r = verify_set(&options, &data, set, verbose);
+    return {r, out.text()};
+}
+
+TEST_F(Partitions, SetWithoutReferences) {
+    std::snprintf(data.rec.sets[1].name, sizeof data.rec.sets[1].name, "%s", "SET1");
+    SetReport quiet = run_verify_set(data, 1, 0);
+    EXPECT_EQ(quiet.result, KIV_VERIFY_SET_NO_REFS);
+    EXPECT_EQ(quiet.out, "");
+    SetReport loud = run_verify_set(data, 1, 1);
+    EXPECT_EQ(loud.result, KIV_VERIFY_SET_NO_REFS);
+    EXPECT_EQ(loud.out, "verify_set: Set 1: SET1\nverify_set:   no refs\n");
+}
+
+TEST_F(Partitions, SetResultIsTheLastFailure) {
+    std::snprintf(data.rec.sets[2].name, sizeof data.rec.sets[2].name, "%s", "SET2");
+    install(0, 1, pattern_bytes(300, 1), -1, "ROOT");
+    install(1, 1, pattern_bytes(300, 2), -1, "APPL");
+    data.rec.pinfometa[1].hdr.body_crc = 0;           // empty
+    install(2, 2, pattern_bytes(300, 3), -1, "DATA"); // only layout 1 is tried: bad
+    install(3, 1, pattern_bytes(300, 4), -1, "KERNEL");
+
+    struct Row {
+        std::vector<int> refs;
+        int result;
+    };
+    const std::vector<Row> rows = {
+        {{0, 3, -1}, 0},
+        {{0, 1, 2, -1}, KIV_CRC_MISMATCH},
+        {{2, 1, 0, -1}, KIV_CRC_NOT_RECORDED},
+        {{0, 3, -1, 2}, 0}, // the list ends at the first negative reference
+    };
+    for (const Row &row : rows) {
+        refs(2, row.refs);
+        EXPECT_EQ(run_verify_set(data, 2, 0).result, row.result);
+    }
+
+    refs(2, {0, 1, 2, 3, -1});
+    SetReport r = run_verify_set(data, 2, 1);
+    EXPECT_EQ(r.result, KIV_CRC_MISMATCH);
+    EXPECT_EQ(r.out, "verify_set: Set 2: SET2\n"
+                     "verify_set:   ref  0: ROOT         sw0         : ok\n"
+                     "verify_set:   ref  1: APPL         sw1         : empty\n"
+                     "verify_set:   ref  2: DATA         sw2         : bad\n"
+                     "verify_set:   ref  3: KERNEL       sw3         : ok\n");
+}
+
+TEST_F(Partitions, ReferencesOutsideTheTableAndFullLists) {
+    install(0, 1, pattern_bytes(64, 1), -1, "P");
+    // 20 references and no terminator: all are checked, nothing behind them is read.
+    for (auto &ref : data.rec.sets[0].refs)
+        ref = 0;
+    EXPECT_EQ(run_verify_set(data, 0, 0).result, 0);
+
+    // A reference that names no partition info entry counts as bad.
+    data.rec.sets[0].refs[19] = 100;
+    SetReport r = run_verify_set(data, 0, 1);
+    EXPECT_EQ(r.result, KIV_CRC_UNREADABLE);
+    EXPECT_NE(r.out.find("verify_set:   ref 100: " + std::string(25, ' ') + ": bad\n"),
+              std::string::npos)
+        << r.out;
+}
+
+TEST_F(Partitions, FieldsWithoutTerminatorArePrintedWithinTheirWidth) {
+    install(0, 1, pattern_bytes(64, 1), -1, "P");
+    std::memset(data.rec.sets[0].name, 'N', sizeof data.rec.sets[0].name);
+    std::memset(data.rec.partinfo[0].poolname, 'Q', sizeof data.rec.partinfo[0].poolname);
+    refs(0, {0, -1});
+    SetReport r = run_verify_set(data, 0, 1);
+    EXPECT_EQ(r.out, "verify_set: Set 0: " + std::string(15, 'N') +
+                         "\nverify_set:   ref  0: " + std::string(16, 'Q') + " sw0         : ok\n");
+}
+
+} // namespace
