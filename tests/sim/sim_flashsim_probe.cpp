@@ -37,24 +37,29 @@ int main(int argc, char **argv) {
             break;
         }
     if (argc < 6 || sep < 4 || sep == argc - 1) {
-        std::fprintf(stderr, "usage: sim_flashsim_probe FLASHSIM IMAGES EVENTS [OPT]... -- CMD...\n");
+        std::fprintf(stderr,
+                     "usage: sim_flashsim_probe FLASHSIM IMAGES EVENTS [OPT]... -- CMD...\n");
         return 2;
     }
     alarm(20); // never outlive a broken simulator
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         die("mount namespace");
     char mnt[] = "/tmp/kiv-probe-XXXXXX";
-    if (!mkdtemp(mnt))
-        die("mkdtemp");
+    if (!mkdtemp(mnt)) die("mkdtemp");
 
     int ready[2];
-    if (pipe(ready) != 0)
-        die("pipe");
+    if (pipe(ready) != 0) die("pipe");
     pid_t sim = fork();
     if (sim == 0) {
         close(ready[0]);
-        std::vector<std::string> args{argv[1], "--images", argv[2], "--events", argv[3],
-                                      "--ready-fd", std::to_string(ready[1])};
+        std::vector<std::string> args{argv[1],
+                                      "--images",
+                                      argv[2],
+                                      "--events",
+                                      argv[3],
+                                      "--ready-fd",
+                                      std::to_string(ready[1])};
         for (int i = 4; i < sep; ++i)
             args.emplace_back(argv[i]);
         args.emplace_back(mnt);
@@ -96,7 +101,6 @@ int main(int argc, char **argv) {
     int sim_st = 0;
     waitpid(sim, &sim_st, 0);
     rmdir(mnt);
-    if (!WIFEXITED(sim_st) || WEXITSTATUS(sim_st) != 0)
-        return 99;
+    if (!WIFEXITED(sim_st) || WEXITSTATUS(sim_st) != 0) return 99;
     return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }

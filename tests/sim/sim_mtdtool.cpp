@@ -16,7 +16,9 @@
 //
 // A failing step prints "STEP ERRNO_NAME".  Exit status: 0 if every step
 // succeeded, 1 otherwise.
+// mtd-user.h needs the _IO* macros first.
 #include <sys/ioctl.h>
+
 #include <mtd/mtd-user.h>
 
 #include <cerrno>
@@ -31,7 +33,9 @@
 
 namespace {
 
-unsigned long num(const char *s) { return std::strtoul(s, nullptr, 0); }
+unsigned long num(const char *s) {
+    return std::strtoul(s, nullptr, 0);
+}
 
 void say(const std::string &line) {
     std::string l = line + "\n";
@@ -44,7 +48,9 @@ bool failed(const char *step) {
     return false;
 }
 
-int open_dev(const char *dev) { return open(dev, O_RDWR); }
+int open_dev(const char *dev) {
+    return open(dev, O_RDWR);
+}
 
 bool run_step(const char *dev, int &fd, const std::vector<const char *> &a) {
     const std::string cmd = a[0];
@@ -57,28 +63,26 @@ bool run_step(const char *dev, int &fd, const std::vector<const char *> &a) {
     if (cmd == "info") {
         need(0);
         mtd_info_user info{};
-        if (ioctl(fd, MEMGETINFO, &info) != 0)
-            return failed("info");
+        if (ioctl(fd, MEMGETINFO, &info) != 0) return failed("info");
         say("size=" + std::to_string(info.size) + " erasesize=" + std::to_string(info.erasesize) +
-            " writesize=" + std::to_string(info.writesize) + " oobsize=" +
-            std::to_string(info.oobsize) + " type=" + std::to_string(info.type) +
+            " writesize=" + std::to_string(info.writesize) +
+            " oobsize=" + std::to_string(info.oobsize) + " type=" + std::to_string(info.type) +
             " flags=" + std::to_string(info.flags));
         return true;
     }
     if (cmd == "erase") {
         need(2);
         erase_info_user ei{static_cast<__u32>(num(a[1])), static_cast<__u32>(num(a[2]))};
-        if (ioctl(fd, MEMERASE, &ei) != 0)
-            return failed("erase");
+        if (ioctl(fd, MEMERASE, &ei) != 0) return failed("erase");
         say("erase ok");
         return true;
     }
     if (cmd == "write") {
         need(3);
-        std::vector<unsigned char> buf(num(a[3]), static_cast<unsigned char>(std::strtoul(a[2], nullptr, 16)));
+        std::vector<unsigned char> buf(num(a[3]),
+                                       static_cast<unsigned char>(std::strtoul(a[2], nullptr, 16)));
         ssize_t n = pwrite(fd, buf.data(), buf.size(), static_cast<off_t>(num(a[1])));
-        if (n < 0)
-            return failed("write");
+        if (n < 0) return failed("write");
         say("write " + std::to_string(n));
         return static_cast<std::size_t>(n) == buf.size();
     }
@@ -86,8 +90,7 @@ bool run_step(const char *dev, int &fd, const std::vector<const char *> &a) {
         need(2);
         std::vector<unsigned char> buf(num(a[2]));
         ssize_t n = pread(fd, buf.data(), buf.size(), static_cast<off_t>(num(a[1])));
-        if (n < 0)
-            return failed("read");
+        if (n < 0) return failed("read");
         std::string hex;
         char h[4];
         for (ssize_t i = 0; i < n; ++i) {
@@ -105,29 +108,25 @@ bool run_step(const char *dev, int &fd, const std::vector<const char *> &a) {
         } else {
             need(0);
             mtd_info_user info{};
-            if (ioctl(fd, MEMGETINFO, &info) != 0)
-                return failed("islocked");
+            if (ioctl(fd, MEMGETINFO, &info) != 0) return failed("islocked");
             ei.length = info.size;
         }
         int r = ioctl(fd, MEMISLOCKED, &ei);
-        if (r < 0)
-            return failed("islocked");
+        if (r < 0) return failed("islocked");
         say("islocked " + std::to_string(r));
         return true;
     }
     if (cmd == "lock") {
         need(0);
         erase_info_user ei{0, 65536};
-        if (ioctl(fd, MEMLOCK, &ei) != 0)
-            return failed("lock");
+        if (ioctl(fd, MEMLOCK, &ei) != 0) return failed("lock");
         say("lock ok");
         return true;
     }
     if (cmd == "truncopen") {
         need(0);
         FILE *f = std::fopen(dev, "w");
-        if (!f)
-            return failed("truncopen");
+        if (!f) return failed("truncopen");
         std::fclose(f);
         say("truncopen ok");
         return true;
@@ -135,8 +134,7 @@ bool run_step(const char *dev, int &fd, const std::vector<const char *> &a) {
     if (cmd == "size") {
         need(0);
         struct stat st {};
-        if (fstat(fd, &st) != 0)
-            return failed("size");
+        if (fstat(fd, &st) != 0) return failed("size");
         off_t end = lseek(fd, 0, SEEK_END);
         say("size " + std::to_string(st.st_size) + " " + std::to_string(end));
         return true;
@@ -145,8 +143,7 @@ bool run_step(const char *dev, int &fd, const std::vector<const char *> &a) {
         need(0);
         close(fd);
         fd = open_dev(dev);
-        if (fd < 0)
-            return failed("reopen");
+        if (fd < 0) return failed("reopen");
         say("reopen ok");
         return true;
     }
@@ -171,8 +168,7 @@ int main(int argc, char **argv) {
     std::vector<const char *> step;
     for (int i = 2; i <= argc; ++i) {
         if (i == argc || std::strcmp(argv[i], "+") == 0) {
-            if (!step.empty())
-                ok = run_step(dev, fd, step) && ok;
+            if (!step.empty()) ok = run_step(dev, fd, step) && ok;
             step.clear();
         } else {
             step.push_back(argv[i]);

@@ -13,12 +13,12 @@
 #include <fcntl.h>
 #include <fstream>
 #include <poll.h>
-#include <signal.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <random>
+#include <signal.h>
 #include <string>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -45,15 +45,15 @@ std::vector<std::string> lines(const std::string &text) {
     std::size_t start = 0;
     while (start < text.size()) {
         std::size_t nl = text.find('\n', start);
-        if (nl == std::string::npos)
-            nl = text.size();
+        if (nl == std::string::npos) nl = text.size();
         out.push_back(text.substr(start, nl - start));
         start = nl + 1;
     }
     return out;
 }
 
-std::vector<std::uint8_t> slice(const std::vector<std::uint8_t> &v, std::size_t off, std::size_t n) {
+std::vector<std::uint8_t> slice(const std::vector<std::uint8_t> &v, std::size_t off,
+                                std::size_t n) {
     return std::vector<std::uint8_t>(v.begin() + static_cast<std::ptrdiff_t>(off),
                                      v.begin() + static_cast<std::ptrdiff_t>(off + n));
 }
@@ -68,20 +68,17 @@ std::vector<std::uint8_t> filled(std::size_t n, std::uint8_t b) {
 
 TEST(Sim, DefaultLayoutDevices) {
     Device dev;
-    auto r = dev.run({"/bin/sh", "-c", "for i in $(seq 0 20); do test -e /dev/mtd$i && "
-                                       "echo mtd$i $(stat -c %s /dev/mtd$i); done; true"});
+    auto r = dev.run({"/bin/sh", "-c",
+                      "for i in $(seq 0 20); do test -e /dev/mtd$i && "
+                      "echo mtd$i $(stat -c %s /dev/mtd$i); done; true"});
     ASSERT_EQ(r.exit, 0) << r.describe();
     std::vector<std::string> want;
     for (int i = 0; i < 20; ++i) {
         unsigned long size = 256 * 1024;
-        if (i == 2 || i == 5)
-            size = 128 * 1024;
-        if (i == 7)
-            size = 2 * 1024 * 1024;
-        if (i == 8)
-            size = 8 * 1024 * 1024;
-        if (i == 19)
-            size = 6 * 1024 * 1024;
+        if (i == 2 || i == 5) size = 128 * 1024;
+        if (i == 7) size = 2 * 1024 * 1024;
+        if (i == 8) size = 8 * 1024 * 1024;
+        if (i == 19) size = 6 * 1024 * 1024;
         want.push_back("mtd" + std::to_string(i) + " " + std::to_string(size));
     }
     EXPECT_EQ(lines(r.out), want);
@@ -138,8 +135,8 @@ TEST(Sim, NorViolationIsRecordedAndBitsStayCleared) {
 
 TEST(Sim, WriteStoresOldAndNew) {
     Device dev;
-    auto r = dev.run(mtd(3, {"write", "100", "f0", "4", "+", "write", "102", "0f", "4", "+", "read",
-                             "100", "6"}));
+    auto r = dev.run(mtd(
+        3, {"write", "100", "f0", "4", "+", "write", "102", "0f", "4", "+", "read", "100", "6"}));
     ASSERT_EQ(r.exit, 0) << r.describe();
     EXPECT_EQ(lines(r.out).back(), "read 6 f0f000000f0f");
     // The second write wants 1s where the first left 0s, from its first byte.
@@ -160,9 +157,9 @@ TEST(Sim, EraseSetsWholeBlocksToFF) {
 
 TEST(Sim, EraseRegionsMustBeAlignedAndInside) {
     Device dev;
-    auto r = dev.run(mtd(3, {"erase", "1", "65536", "+", "erase", "0", "1000", "+", "erase",
-                             "262144", "65536", "+", "erase", "196608", "131072", "+", "erase",
-                             "196608", "65536"}));
+    auto r = dev.run(
+        mtd(3, {"erase", "1", "65536", "+", "erase", "0", "1000", "+", "erase", "262144", "65536",
+                "+", "erase", "196608", "131072", "+", "erase", "196608", "65536"}));
     EXPECT_EQ(r.out, "erase EINVAL\nerase EINVAL\nerase EINVAL\nerase EINVAL\nerase ok\n")
         << r.describe();
     EXPECT_EQ(r.events_with("erase"), std::vector<std::string>{"erase mtd3 196608 65536"});
@@ -216,8 +213,9 @@ TEST(Sim, OtherIoctlsAreNotSupported) {
 
 TEST(Sim, OpenModesAreLogged) {
     Device dev;
-    auto r = dev.run({"/bin/sh", "-c", "cat /dev/mtd2 >/dev/null; printf '' >> /dev/mtd2; " +
-                                           kMtdTool + " /dev/mtd2 info >/dev/null"});
+    auto r = dev.run({"/bin/sh", "-c",
+                      "cat /dev/mtd2 >/dev/null; printf '' >> /dev/mtd2; " + kMtdTool +
+                          " /dev/mtd2 info >/dev/null"});
     ASSERT_EQ(r.exit, 0) << r.describe();
     EXPECT_EQ(r.events, (std::vector<std::string>{"open mtd2 r", "open mtd2 w", "open mtd2 rw"}));
 }
@@ -335,9 +333,9 @@ TEST(Sim, PowerCutKeepsExactlyTheFirstOperations) {
     EXPECT_EQ(r.exit, 137) << r.describe();
     // The program never saw the answer to operation 3.
     EXPECT_EQ(r.out, "erase ok\nwrite 16\n") << r.describe();
-    EXPECT_EQ(r.events, (std::vector<std::string>{"open mtd3 rw", "erase mtd3 0 65536",
-                                                  "write mtd3 0 16", "write mtd3 16 16",
-                                                  "powercut 3"}));
+    EXPECT_EQ(r.events,
+              (std::vector<std::string>{"open mtd3 rw", "erase mtd3 0 65536", "write mtd3 0 16",
+                                        "write mtd3 16 16", "powercut 3"}));
     auto img = dev.flash(3);
     EXPECT_EQ(slice(img, 0, 32), filled(32, 0x00));
     EXPECT_EQ(slice(img, 32, 16), filled(16, 0xFF));
@@ -391,8 +389,7 @@ TEST(Sim, SyslogEscapesRoundTrip) {
     auto r = dev.run({kLogTool, "tool", "16.6", text});
     ASSERT_EQ(r.syslog.size(), 1u) << r.describe();
     EXPECT_EQ(r.syslog[0], (SyslogLine{16, 6, "tool", text}));
-    EXPECT_EQ(kiv::test::read_text_file(dev.dir() + "/syslog"),
-              "16.6\ttool\ta\\tb\\\\c\\nd: e\n");
+    EXPECT_EQ(kiv::test::read_text_file(dev.dir() + "/syslog"), "16.6\ttool\ta\\tb\\\\c\\nd: e\n");
 }
 
 TEST(Sim, LoggerMessagesAreCaptured) {
@@ -505,8 +502,8 @@ TEST(Sim, RunningFromTmpItselfGivesTheFreshTmp) {
     Device dev;
     RunOptions o;
     o.cwd = "/tmp";
-    auto r = dev.run({"/bin/sh", "-c", "pwd; touch here && echo ok; cat " + dev.dir() + "/cmdline"},
-                     o);
+    auto r =
+        dev.run({"/bin/sh", "-c", "pwd; touch here && echo ok; cat " + dev.dir() + "/cmdline"}, o);
     EXPECT_EQ(r.exit, 0) << r.describe();
     EXPECT_EQ(r.out, "/tmp\nok\nconsole=ttyS0 KIVSET=SET1\n") << r.describe();
     EXPECT_NE(access("/tmp/here", F_OK), 0);
@@ -566,7 +563,8 @@ TEST(Sim, LeftoverProcessesEndWithTheCommand) {
 
 TEST(Sim, StdoutOnATerminal) {
     Device dev;
-    std::string probe = "if test -t 1; then echo tty; else echo notty; fi; test -t 2 || echo err-pipe >&2";
+    std::string probe =
+        "if test -t 1; then echo tty; else echo notty; fi; test -t 2 || echo err-pipe >&2";
     auto r = dev.run({"/bin/sh", "-c", probe});
     EXPECT_EQ(r.out, "notty\n") << r.describe();
     RunOptions o;
@@ -604,8 +602,7 @@ std::vector<pid_t> processes_with(const std::string &prefix, const std::string &
     DIR *d = opendir("/proc");
     while (dirent *de = d ? readdir(d) : nullptr) {
         pid_t pid = std::atoi(de->d_name);
-        if (pid <= 0 || pid == getpid())
-            continue;
+        if (pid <= 0 || pid == getpid()) continue;
         std::string cmdline;
         std::ifstream in("/proc/" + std::string(de->d_name) + "/cmdline", std::ios::binary);
         std::getline(in, cmdline, '\x01');
@@ -613,8 +610,7 @@ std::vector<pid_t> processes_with(const std::string &prefix, const std::string &
         if (cmdline.starts_with(prefix) && cmdline.find(needle) != std::string::npos)
             pids.push_back(pid);
     }
-    if (d)
-        closedir(d);
+    if (d) closedir(d);
     return pids;
 }
 
@@ -670,8 +666,7 @@ TEST(Sim, KillingTheSandboxEndsEverythingInIt) {
 
 TEST(Sim, FlashcpWritesAndVerifiesAnImage) {
     const char *flashcp = "/usr/sbin/flashcp";
-    if (access(flashcp, X_OK) != 0)
-        GTEST_SKIP() << "mtd-utils' flashcp is not installed";
+    if (access(flashcp, X_OK) != 0) GTEST_SKIP() << "mtd-utils' flashcp is not installed";
     Device dev;
     dev.set_flash(3, filled(262144, 0x00)); // flashcp must erase first
     std::string image(100000, '\0');
@@ -684,8 +679,9 @@ TEST(Sim, FlashcpWritesAndVerifiesAnImage) {
     EXPECT_TRUE(r.events_with("violation").empty()) << r.describe();
     EXPECT_EQ(r.events_with("erase").size(), 2u) << r.describe();
     auto img = dev.flash(3);
-    EXPECT_TRUE(std::equal(image.begin(), image.end(), img.begin(),
-                           [](char a, std::uint8_t b) { return static_cast<std::uint8_t>(a) == b; }));
+    EXPECT_TRUE(std::equal(image.begin(), image.end(), img.begin(), [](char a, std::uint8_t b) {
+        return static_cast<std::uint8_t>(a) == b;
+    }));
     EXPECT_EQ(slice(img, 131072, 131072), filled(131072, 0x00));
 }
 
@@ -697,11 +693,38 @@ TEST(FlashSim, AfterPowerLossWritesAndWritableOpensFail) {
     Device dev(d); // only for its images; the simulator runs without the sandbox
     dev.set_flash(0, filled(4, 0x00));
     std::string events = dev.scratch_path("events");
-    auto r = kiv::test::run_process(
-        {SIM_PROBE_BIN, kiv::test::flashsim_bin(), dev.dir() + "/flash", events, "--fault",
-         "powercut:2", "--", kMtdTool, "@MNT@/mtd0", "erase", "0", "65536", "+", "write", "0",
-         "00", "1", "+", "write", "1", "00", "1", "+", "erase", "65536", "65536", "+", "read",
-         "0", "2", "+", "reopen"});
+    auto r = kiv::test::run_process({SIM_PROBE_BIN,
+                                     kiv::test::flashsim_bin(),
+                                     dev.dir() + "/flash",
+                                     events,
+                                     "--fault",
+                                     "powercut:2",
+                                     "--",
+                                     kMtdTool,
+                                     "@MNT@/mtd0",
+                                     "erase",
+                                     "0",
+                                     "65536",
+                                     "+",
+                                     "write",
+                                     "0",
+                                     "00",
+                                     "1",
+                                     "+",
+                                     "write",
+                                     "1",
+                                     "00",
+                                     "1",
+                                     "+",
+                                     "erase",
+                                     "65536",
+                                     "65536",
+                                     "+",
+                                     "read",
+                                     "0",
+                                     "2",
+                                     "+",
+                                     "reopen"});
     EXPECT_EQ(r.exit, 1) << r.describe();
     EXPECT_EQ(r.out, "erase ok\nwrite 1\nwrite EIO\nerase EIO\nread 2 00ff\nreopen EIO\n")
         << r.describe();

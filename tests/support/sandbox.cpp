@@ -3,8 +3,8 @@
 #include "simconfig.hpp"
 
 #include <algorithm>
-#include <climits>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -50,8 +50,12 @@ namespace {
 // kills the sandbox itself.
 constexpr std::chrono::milliseconds kGrace{10000};
 
-[[noreturn]] void fail(const std::string &msg) { throw std::runtime_error(msg); }
-[[noreturn]] void fail_errno(const std::string &what) { fail(what + ": " + std::strerror(errno)); }
+[[noreturn]] void fail(const std::string &msg) {
+    throw std::runtime_error(msg);
+}
+[[noreturn]] void fail_errno(const std::string &what) {
+    fail(what + ": " + std::strerror(errno));
+}
 
 std::int64_t now_ms() {
     timespec ts{};
@@ -66,17 +70,14 @@ std::uint64_t file_size(const std::string &path) {
 
 std::string read_from(const std::string &path, std::uint64_t offset) {
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return {};
+    if (fd < 0) return {};
     std::string out;
     char buf[65536];
     auto pos = static_cast<off_t>(offset);
     for (;;) {
         ssize_t n = pread(fd, buf, sizeof buf, pos);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            break;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
         out.append(buf, static_cast<std::size_t>(n));
         pos += n;
     }
@@ -86,13 +87,11 @@ std::string read_from(const std::string &path, std::uint64_t offset) {
 
 void write_whole(const std::string &path, std::string_view data) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0)
-        fail_errno(path);
+    if (fd < 0) fail_errno(path);
     std::size_t done = 0;
     while (done < data.size()) {
         ssize_t w = write(fd, data.data() + done, data.size() - done);
-        if (w < 0 && errno == EINTR)
-            continue;
+        if (w < 0 && errno == EINTR) continue;
         if (w < 0) {
             int e = errno;
             close(fd);
@@ -139,10 +138,8 @@ std::string quote_bytes(const std::string &s) {
 }
 
 int status_code(int ws) {
-    if (WIFEXITED(ws))
-        return WEXITSTATUS(ws);
-    if (WIFSIGNALED(ws))
-        return 128 + WTERMSIG(ws);
+    if (WIFEXITED(ws)) return WEXITSTATUS(ws);
+    if (WIFSIGNALED(ws)) return 128 + WTERMSIG(ws);
     return -1;
 }
 
@@ -178,8 +175,8 @@ const std::string &binary_dir() {
 // ------------------------------------------------------------------ results
 
 std::ostream &operator<<(std::ostream &os, const SyslogLine &line) {
-    return os << line.facility << "." << line.severity << " [" << line.ident << "] \""
-              << line.text << "\"";
+    return os << line.facility << "." << line.severity << " [" << line.ident << "] \"" << line.text
+              << "\"";
 }
 
 std::string ProcessResult::describe() const {
@@ -190,15 +187,15 @@ std::string ProcessResult::describe() const {
 }
 
 bool SandboxResult::logged(std::string_view needle) const {
-    return std::any_of(syslog.begin(), syslog.end(),
-                       [&](const SyslogLine &l) { return l.text.find(needle) != std::string::npos; });
+    return std::any_of(syslog.begin(), syslog.end(), [&](const SyslogLine &l) {
+        return l.text.find(needle) != std::string::npos;
+    });
 }
 
 std::vector<std::string> SandboxResult::events_with(std::string_view prefix) const {
     std::vector<std::string> found;
     for (const auto &e : events)
-        if (std::string_view(e).starts_with(prefix))
-            found.push_back(e);
+        if (std::string_view(e).starts_with(prefix)) found.push_back(e);
     return found;
 }
 
@@ -234,12 +231,10 @@ std::vector<SyslogLine> parse_syslog(std::string_view text) {
         SyslogLine l;
         std::size_t tab1 = raw.find('\t');
         std::size_t tab2 = tab1 == std::string::npos ? tab1 : raw.find('\t', tab1 + 1);
-        if (tab2 == std::string::npos)
-            continue;
+        if (tab2 == std::string::npos) continue;
         std::string pri = raw.substr(0, tab1);
         std::size_t dot = pri.find('.');
-        if (dot == std::string::npos)
-            continue;
+        if (dot == std::string::npos) continue;
         l.facility = std::atoi(pri.substr(0, dot).c_str());
         l.severity = std::atoi(pri.substr(dot + 1).c_str());
         l.ident = raw.substr(tab1 + 1, tab2 - tab1 - 1);
@@ -251,8 +246,7 @@ std::vector<SyslogLine> parse_syslog(std::string_view text) {
 
 std::string read_text_file(const std::string &path) {
     std::string out, err;
-    if (!kiv::sim::read_file(path, out, err))
-        fail(err);
+    if (!kiv::sim::read_file(path, out, err)) fail(err);
     return out;
 }
 
@@ -269,23 +263,19 @@ ProcessResult run_process(const std::vector<std::string> &argv, std::chrono::mil
 }
 
 ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &options) {
-    if (argv.empty())
-        fail("run_process: empty argv");
+    if (argv.empty()) fail("run_process: empty argv");
     // A command that exits without reading its input must not kill the test.
     signal(SIGPIPE, SIG_IGN);
 
     int in[2] = {-1, -1}, out[2] = {-1, -1}, err[2] = {-1, -1};
     int master = -1, slave = -1;
-    if (!options.input.empty() && pipe2(in, O_CLOEXEC) != 0)
-        fail_errno("pipe");
-    if (pipe2(err, O_CLOEXEC) != 0)
-        fail_errno("pipe");
+    if (!options.input.empty() && pipe2(in, O_CLOEXEC) != 0) fail_errno("pipe");
+    if (pipe2(err, O_CLOEXEC) != 0) fail_errno("pipe");
     if (options.stdout_tty) {
         winsize ws{};
         ws.ws_row = 24;
         ws.ws_col = 80;
-        if (openpty(&master, &slave, nullptr, nullptr, &ws) != 0)
-            fail_errno("openpty");
+        if (openpty(&master, &slave, nullptr, nullptr, &ws) != 0) fail_errno("openpty");
         termios tio{};
         if (tcgetattr(slave, &tio) == 0) {
             tio.c_oflag &= ~static_cast<tcflag_t>(OPOST);
@@ -303,8 +293,7 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
     args.push_back(nullptr);
 
     pid_t pid = fork();
-    if (pid < 0)
-        fail_errno("fork");
+    if (pid < 0) fail_errno("fork");
     if (pid == 0) {
         if (options.stdout_tty) {
             // Like forkpty: a session of its own with the pty as its
@@ -324,8 +313,7 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
         dup2(err[1], STDERR_FILENO);
         for (const auto &e : options.env)
             putenv(const_cast<char *>(e.c_str()));
-        if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0)
-            _exit(127);
+        if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(127);
         signal(SIGPIPE, SIG_DFL);
         execvp(args[0], args.data());
         std::string msg = "cannot run " + argv[0] + ": " + std::strerror(errno) + "\n";
@@ -365,19 +353,14 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
             break;
         }
         int pr = poll(pfd, 4, static_cast<int>(std::min<std::int64_t>(left, 1000)));
-        if (pr < 0 && errno != EINTR)
-            fail_errno("poll");
-        if (pidfd < 0 && !exited && waitpid(pid, &ws, WNOHANG) == pid)
-            exited = true;
-        if (pr <= 0)
-            continue;
+        if (pr < 0 && errno != EINTR) fail_errno("poll");
+        if (pidfd < 0 && !exited && waitpid(pid, &ws, WNOHANG) == pid) exited = true;
+        if (pr <= 0) continue;
         for (int i = 0; i < 2; ++i) {
-            if (!pfd[i].revents)
-                continue;
+            if (!pfd[i].revents) continue;
             int &fd = i == 0 ? out_fd : err[0];
             ssize_t n = read(fd, buf, sizeof buf);
-            if (n < 0 && errno == EINTR)
-                continue;
+            if (n < 0 && errno == EINTR) continue;
             if (n <= 0) { // EOF, or EIO once a pty has no writer left
                 close(fd);
                 fd = -1;
@@ -386,25 +369,23 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
             (i == 0 ? r.out : r.err).append(buf, static_cast<std::size_t>(n));
         }
         if (in_fd >= 0 && pfd[2].revents) {
-            ssize_t n = write(in_fd, options.input.data() + input_done,
-                              options.input.size() - input_done);
-            if (n > 0)
-                input_done += static_cast<std::size_t>(n);
-            if ((n < 0 && errno != EAGAIN && errno != EINTR) || input_done == options.input.size()) {
+            ssize_t n =
+                write(in_fd, options.input.data() + input_done, options.input.size() - input_done);
+            if (n > 0) input_done += static_cast<std::size_t>(n);
+            if ((n < 0 && errno != EAGAIN && errno != EINTR) ||
+                input_done == options.input.size()) {
                 close(in_fd);
                 in_fd = -1;
             }
         }
-        if (!exited && pfd[3].revents && waitpid(pid, &ws, WNOHANG) == pid)
-            exited = true;
+        if (!exited && pfd[3].revents && waitpid(pid, &ws, WNOHANG) == pid) exited = true;
     }
     if (!exited) {
         while (waitpid(pid, &ws, 0) < 0 && errno == EINTR) {
         }
     }
     for (int fd : {out_fd, err[0], in_fd, pidfd})
-        if (fd >= 0)
-            close(fd);
+        if (fd >= 0) close(fd);
     r.exit = status_code(ws);
     return r;
 }
@@ -414,8 +395,7 @@ ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOpt
 Device::Device(DeviceOptions options) : options_(std::move(options)) {
     const char *tmp = std::getenv("TMPDIR");
     std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/kiv-dev-XXXXXX";
-    if (!mkdtemp(tmpl.data()))
-        fail_errno("mkdtemp " + tmpl);
+    if (!mkdtemp(tmpl.data())) fail_errno("mkdtemp " + tmpl);
     char real[PATH_MAX];
     base_ = realpath(tmpl.c_str(), real) ? real : tmpl;
     rundir_ = base_ + "/run";
@@ -424,23 +404,19 @@ Device::Device(DeviceOptions options) : options_(std::move(options)) {
 
     kiv::sim::Layout layout;
     std::string err;
-    std::string_view text =
-        options_.layout.empty() ? kiv::sim::default_layout_text() : std::string_view(options_.layout);
-    if (!kiv::sim::parse_layout(text, layout, err))
-        fail("Device layout: " + err);
-    if (!options_.layout.empty())
-        write_whole(base_ + "/layout", options_.layout);
+    std::string_view text = options_.layout.empty() ? kiv::sim::default_layout_text()
+                                                    : std::string_view(options_.layout);
+    if (!kiv::sim::parse_layout(text, layout, err)) fail("Device layout: " + err);
+    if (!options_.layout.empty()) write_whole(base_ + "/layout", options_.layout);
     for (const auto &m : layout.mtds)
         geometry_.push_back({m.index, {m.size, m.erasesize}});
     // Images exist from the start so tests can preset flash before a run.
-    if (!kiv::sim::ensure_images(rundir_ + "/flash", layout, err))
-        fail(err);
+    if (!kiv::sim::ensure_images(rundir_ + "/flash", layout, err)) fail(err);
 }
 
 Device::~Device() {
     const char *keep = std::getenv("KIV_TEST_KEEP");
-    if (keep && *keep && std::string_view(keep) != "0")
-        return;
+    if (keep && *keep && std::string_view(keep) != "0") return;
     remove_tree(base_);
 }
 
@@ -451,16 +427,14 @@ std::string Device::image_path(int mtd) const {
 
 std::uint64_t Device::flash_size(int mtd) const {
     for (const auto &g : geometry_)
-        if (g.first == mtd)
-            return g.second.first;
+        if (g.first == mtd) return g.second.first;
     fail("mtd" + std::to_string(mtd) + " is not in this device's layout");
 }
 
 std::uint32_t Device::erase_size(int mtd) const {
     flash_size(mtd);
     for (const auto &g : geometry_)
-        if (g.first == mtd)
-            return g.second.second;
+        if (g.first == mtd) return g.second.second;
     return 0;
 }
 
@@ -475,14 +449,12 @@ void Device::set_flash(int mtd, std::span<const std::uint8_t> bytes, std::size_t
         fail("set_flash: " + std::to_string(bytes.size()) + " bytes at " + std::to_string(offset) +
              " do not fit in mtd" + std::to_string(mtd));
     int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (fd < 0)
-        fail_errno(path);
+    if (fd < 0) fail_errno(path);
     std::size_t done = 0;
     while (done < bytes.size()) {
-        ssize_t w = pwrite(fd, bytes.data() + done, bytes.size() - done,
-                           static_cast<off_t>(offset + done));
-        if (w < 0 && errno == EINTR)
-            continue;
+        ssize_t w =
+            pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(offset + done));
+        if (w < 0 && errno == EINTR) continue;
         if (w <= 0) {
             close(fd);
             fail_errno(path);
@@ -523,17 +495,14 @@ std::vector<std::string> Device::all_events() const {
 }
 
 SandboxResult Device::run_kiv(std::vector<std::string> args, RunOptions options) {
-    if (kiv_bin().empty())
-        fail("the kiv target is not part of this build");
+    if (kiv_bin().empty()) fail("the kiv target is not part of this build");
     args.insert(args.begin(), kiv_bin());
     return run(std::move(args), std::move(options));
 }
 
 SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
-    if (sandbox_bin().empty())
-        fail("kiv-sandbox is not part of this build (KIV_BUILD_TOOLS=OFF?)");
-    if (argv.empty())
-        fail("Device::run: empty argv");
+    if (sandbox_bin().empty()) fail("kiv-sandbox is not part of this build (KIV_BUILD_TOOLS=OFF?)");
+    if (argv.empty()) fail("Device::run: empty argv");
     std::vector<std::string> cmd{sandbox_bin(), "--dir", rundir_};
     if (!options_.layout.empty()) {
         cmd.emplace_back("--layout");
@@ -544,7 +513,8 @@ SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
         cmd.emplace_back("--cmdline");
         cmd.push_back(*cmdline);
     }
-    const auto &hostcfg = options.hostcfg_default ? options.hostcfg_default : options_.hostcfg_default;
+    const auto &hostcfg =
+        options.hostcfg_default ? options.hostcfg_default : options_.hostcfg_default;
     if (hostcfg) {
         std::string path = base_ + "/hostcfg.default";
         write_whole(path, *hostcfg);
@@ -559,8 +529,7 @@ SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
     }
     std::vector<std::string> keeps{base_};
     for (const auto &d : {source_dir(), binary_dir()})
-        if (!d.empty())
-            keeps.push_back(d);
+        if (!d.empty()) keeps.push_back(d);
     keeps.insert(keeps.end(), options.keep.begin(), options.keep.end());
     for (const auto &k : keeps) {
         cmd.emplace_back("--keep");

@@ -13,7 +13,9 @@
 
 #include "simconfig.hpp"
 
+// mtd-user.h needs the _IO* macros first.
 #include <sys/ioctl.h>
+
 #include <mtd/mtd-user.h>
 
 #include <algorithm>
@@ -65,15 +67,13 @@ Sim g_sim;
 
 void event(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 void event(const char *fmt, ...) {
-    if (g_sim.events_fd < 0)
-        return;
+    if (g_sim.events_fd < 0) return;
     char line[256];
     va_list ap;
     va_start(ap, fmt);
     int n = vsnprintf(line, sizeof line - 1, fmt, ap);
     va_end(ap);
-    if (n < 0)
-        return;
+    if (n < 0) return;
     std::size_t len = std::min<std::size_t>(static_cast<std::size_t>(n), sizeof line - 2);
     line[len++] = '\n';
     // One write per line on an O_APPEND descriptor: lines never interleave
@@ -83,16 +83,16 @@ void event(const char *fmt, ...) {
 }
 
 Device *device_of(fuse_ino_t ino) {
-    if (ino < 2)
-        return nullptr;
+    if (ino < 2) return nullptr;
     auto idx = static_cast<int>(ino - 2);
     for (auto &d : g_sim.devices)
-        if (d.def.index == idx)
-            return &d;
+        if (d.def.index == idx) return &d;
     return nullptr;
 }
 
-fuse_ino_t ino_of(const Device &d) { return static_cast<fuse_ino_t>(d.def.index) + 2; }
+fuse_ino_t ino_of(const Device &d) {
+    return static_cast<fuse_ino_t>(d.def.index) + 2;
+}
 
 void fill_attr(fuse_ino_t ino, struct stat &st) {
     st = {};
@@ -115,10 +115,8 @@ void fill_attr(fuse_ino_t ino, struct stat &st) {
 bool pread_all(int fd, unsigned char *p, std::size_t n, std::uint64_t off) {
     while (n > 0) {
         ssize_t r = pread(fd, p, n, static_cast<off_t>(off));
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            return false;
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
         p += r;
         n -= static_cast<std::size_t>(r);
         off += static_cast<std::uint64_t>(r);
@@ -129,10 +127,8 @@ bool pread_all(int fd, unsigned char *p, std::size_t n, std::uint64_t off) {
 bool pwrite_all(int fd, const unsigned char *p, std::size_t n, std::uint64_t off) {
     while (n > 0) {
         ssize_t r = pwrite(fd, p, n, static_cast<off_t>(off));
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            return false;
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
         p += r;
         n -= static_cast<std::size_t>(r);
         off += static_cast<std::uint64_t>(r);
@@ -146,8 +142,7 @@ bool pwrite_all(int fd, const unsigned char *p, std::size_t n, std::uint64_t off
 // operation, exactly as if the device had lost power during it.
 void count_operation() {
     ++g_sim.opcount;
-    if (g_sim.powercut_after == 0 || g_sim.opcount != g_sim.powercut_after)
-        return;
+    if (g_sim.powercut_after == 0 || g_sim.opcount != g_sim.powercut_after) return;
     g_sim.power_off = true;
     event("powercut %" PRIu64, g_sim.opcount);
     if (g_sim.powercut_fd >= 0) {
@@ -169,10 +164,8 @@ void count_operation() {
 
 const Fault *find_fault(Fault::Kind kind, int mtd, std::uint64_t start, std::uint64_t len) {
     for (const auto &f : g_sim.faults) {
-        if (f.kind != kind || f.mtd != mtd)
-            continue;
-        if (f.offset >= start && f.offset < start + len)
-            return &f;
+        if (f.kind != kind || f.mtd != mtd) continue;
+        if (f.offset >= start && f.offset < start + len) return &f;
     }
     return nullptr;
 }
@@ -235,11 +228,10 @@ void op_readdir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, struct f
         struct stat st {};
         st.st_ino = entries[i].second;
         st.st_mode = entries[i].second == kRootIno ? S_IFDIR : S_IFREG;
-        std::size_t need = fuse_add_direntry(req, buf.data() + used, size - used,
-                                             entries[i].first.c_str(), &st,
-                                             static_cast<off_t>(i + 1));
-        if (need > size - used)
-            break;
+        std::size_t need =
+            fuse_add_direntry(req, buf.data() + used, size - used, entries[i].first.c_str(), &st,
+                              static_cast<off_t>(i + 1));
+        if (need > size - used) break;
         used += need;
     }
     fuse_reply_buf(req, buf.data(), used);
@@ -343,8 +335,7 @@ void op_write(fuse_req_t req, fuse_ino_t ino, const char *data, size_t size, off
                 }
                 g_sim.old[i] = static_cast<unsigned char>(old & in[i]);
             }
-            if (!pwrite_all(d->fd, g_sim.old.data(), n, pos))
-                err = EIO;
+            if (!pwrite_all(d->fd, g_sim.old.data(), n, pos)) err = EIO;
         }
     }
     count_operation();
@@ -356,8 +347,7 @@ void op_write(fuse_req_t req, fuse_ino_t ino, const char *data, size_t size, off
 
 bool read_caller_region(fuse_req_t req, void *arg, erase_info_user &ei) {
     const fuse_ctx *ctx = fuse_req_ctx(req);
-    if (!ctx || ctx->pid <= 0 || !arg)
-        return false;
+    if (!ctx || ctx->pid <= 0 || !arg) return false;
     iovec local{&ei, sizeof ei};
     iovec remote{arg, sizeof ei};
     return process_vm_readv(ctx->pid, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(sizeof ei);
@@ -407,9 +397,8 @@ void do_erase(fuse_req_t req, Device &d, const erase_info_user &ei) {
         fuse_reply_ioctl(req, 0, nullptr, 0);
 }
 
-void op_ioctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg,
-              struct fuse_file_info *, unsigned flags, const void *in_buf, size_t in_bufsz,
-              size_t out_bufsz) {
+void op_ioctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg, struct fuse_file_info *,
+              unsigned flags, const void *in_buf, size_t in_bufsz, size_t out_bufsz) {
     Device *d = device_of(ino);
     if (!d || (flags & FUSE_IOCTL_DIR)) {
         fuse_reply_err(req, ENOTTY);
@@ -461,9 +450,15 @@ void op_ioctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg,
     }
 }
 
-void op_flush(fuse_req_t req, fuse_ino_t, struct fuse_file_info *) { fuse_reply_err(req, 0); }
-void op_release(fuse_req_t req, fuse_ino_t, struct fuse_file_info *) { fuse_reply_err(req, 0); }
-void op_fsync(fuse_req_t req, fuse_ino_t, int, struct fuse_file_info *) { fuse_reply_err(req, 0); }
+void op_flush(fuse_req_t req, fuse_ino_t, struct fuse_file_info *) {
+    fuse_reply_err(req, 0);
+}
+void op_release(fuse_req_t req, fuse_ino_t, struct fuse_file_info *) {
+    fuse_reply_err(req, 0);
+}
+void op_fsync(fuse_req_t req, fuse_ino_t, int, struct fuse_file_info *) {
+    fuse_reply_err(req, 0);
+}
 
 void op_opendir(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi) {
     if (ino != kRootIno) {
@@ -507,8 +502,7 @@ int parse_fd(const char *text) {
 kiv::sim::Layout layout_from_dir(const std::string &dir) {
     kiv::sim::Layout layout;
     DIR *dp = opendir(dir.c_str());
-    if (!dp)
-        die(dir + ": " + std::strerror(errno));
+    if (!dp) die(dir + ": " + std::strerror(errno));
     while (dirent *de = readdir(dp)) {
         std::string name = de->d_name;
         int idx = -1;
@@ -517,8 +511,7 @@ kiv::sim::Layout layout_from_dir(const std::string &dir) {
             kiv::sim::image_name(idx) != name)
             continue;
         struct stat st {};
-        if (stat((dir + "/" + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-            continue;
+        if (stat((dir + "/" + name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
         kiv::sim::MtdDef def;
         def.index = idx;
         def.size = static_cast<std::uint64_t>(st.st_size);
@@ -554,8 +547,7 @@ int main(int argc, char **argv) {
     };
     for (;;) {
         int c = getopt_long(argc, argv, "h", opts, nullptr);
-        if (c == -1)
-            break;
+        if (c == -1) break;
         switch (c) {
         case OptImages:
             images = optarg;
@@ -587,32 +579,26 @@ int main(int argc, char **argv) {
             usage(2);
         }
     }
-    if (images.empty() || optind != argc - 1)
-        usage(2);
+    if (images.empty() || optind != argc - 1) usage(2);
     std::string mountpoint = argv[optind];
 
     kiv::sim::Layout layout;
     std::string err;
     if (!layout_path.empty()) {
         std::string text;
-        if (!kiv::sim::read_file(layout_path, text, err))
-            die(err);
-        if (!kiv::sim::parse_layout(text, layout, err))
-            die(layout_path + ": " + err);
-        if (!kiv::sim::ensure_images(images, layout, err))
-            die(err);
+        if (!kiv::sim::read_file(layout_path, text, err)) die(err);
+        if (!kiv::sim::parse_layout(text, layout, err)) die(layout_path + ": " + err);
+        if (!kiv::sim::ensure_images(images, layout, err)) die(err);
     } else {
         layout = layout_from_dir(images);
     }
-    if (layout.mtds.empty())
-        die("no flash devices to serve");
+    if (layout.mtds.empty()) die("no flash devices to serve");
 
     for (const auto &spec : fault_specs) {
         Fault f;
         if (!kiv::sim::parse_fault(spec, f, err) || !kiv::sim::check_fault(f, layout, err))
             die(err);
-        if (f.kind == Fault::Kind::Erase)
-            f.offset = f.block * layout.find(f.mtd)->erasesize;
+        if (f.kind == Fault::Kind::Erase) f.offset = f.block * layout.find(f.mtd)->erasesize;
         if (f.kind == Fault::Kind::Powercut)
             g_sim.powercut_after = f.opno;
         else
@@ -625,15 +611,14 @@ int main(int argc, char **argv) {
         d.name = "mtd" + std::to_string(def.index);
         std::string path = images + "/" + kiv::sim::image_name(def.index);
         d.fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        if (d.fd < 0)
-            die(path + ": " + std::strerror(errno));
+        if (d.fd < 0) die(path + ": " + std::strerror(errno));
         g_sim.devices.push_back(d);
     }
 
     if (!events_path.empty()) {
-        g_sim.events_fd = open(events_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (g_sim.events_fd < 0)
-            die(events_path + ": " + std::strerror(errno));
+        g_sim.events_fd =
+            open(events_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        if (g_sim.events_fd < 0) die(events_path + ": " + std::strerror(errno));
     }
 
     fuse_lowlevel_ops ops{};
@@ -657,21 +642,17 @@ int main(int argc, char **argv) {
         fargs.emplace_back("-o");
         fargs.emplace_back("allow_other");
     }
-    if (debug)
-        fargs.emplace_back("-d");
+    if (debug) fargs.emplace_back("-d");
     std::vector<char *> fargv;
     for (auto &a : fargs)
         fargv.push_back(a.data());
     fuse_args args = FUSE_ARGS_INIT(static_cast<int>(fargv.size()), fargv.data());
     fuse_session *se = fuse_session_new(&args, &ops, sizeof ops, nullptr);
-    if (!se)
-        die("cannot create the FUSE session");
-    if (fuse_set_signal_handlers(se) != 0)
-        die("cannot install signal handlers");
+    if (!se) die("cannot create the FUSE session");
+    if (fuse_set_signal_handlers(se) != 0) die("cannot install signal handlers");
     // The sandbox reads a notification pipe that may already be gone.
     signal(SIGPIPE, SIG_IGN);
-    if (fuse_session_mount(se, mountpoint.c_str()) != 0)
-        die("cannot mount on " + mountpoint);
+    if (fuse_session_mount(se, mountpoint.c_str()) != 0) die("cannot mount on " + mountpoint);
 
     if (ready_fd >= 0) {
         ssize_t w = write(ready_fd, "R", 1);

@@ -28,8 +28,7 @@ std::vector<std::string_view> split_words(std::string_view s) {
         std::size_t start = i;
         while (i < s.size() && s[i] != ' ' && s[i] != '\t')
             ++i;
-        if (i > start)
-            words.push_back(s.substr(start, i - start));
+        if (i > start) words.push_back(s.substr(start, i - start));
     }
     return words;
 }
@@ -39,16 +38,14 @@ std::vector<std::string_view> split(std::string_view s, char sep) {
     for (;;) {
         std::size_t pos = s.find(sep);
         parts.push_back(s.substr(0, pos));
-        if (pos == std::string_view::npos)
-            return parts;
+        if (pos == std::string_view::npos) return parts;
         s.remove_prefix(pos + 1);
     }
 }
 
 bool parse_small(std::string_view text, std::uint64_t max, std::uint64_t &out) {
     std::uint64_t v = 0;
-    if (!parse_size(text, v) || v > max)
-        return false;
+    if (!parse_size(text, v) || v > max) return false;
     out = v;
     return true;
 }
@@ -57,15 +54,13 @@ bool parse_small(std::string_view text, std::uint64_t max, std::uint64_t &out) {
 
 const MtdDef *Layout::find(int index) const {
     for (const auto &m : mtds)
-        if (m.index == index)
-            return &m;
+        if (m.index == index) return &m;
     return nullptr;
 }
 
 bool parse_size(std::string_view text, std::uint64_t &out) {
     text = trim(text);
-    if (text.empty())
-        return false;
+    if (text.empty()) return false;
     std::uint64_t mult = 1;
     char last = text.back();
     if (last == 'k' || last == 'K')
@@ -74,15 +69,13 @@ bool parse_size(std::string_view text, std::uint64_t &out) {
         mult = 1024 * 1024;
     else if (last == 'g' || last == 'G')
         mult = 1024ULL * 1024 * 1024;
-    if (mult != 1)
-        text.remove_suffix(1);
+    if (mult != 1) text.remove_suffix(1);
     unsigned base = 10;
     if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
         base = 16;
         text.remove_prefix(2);
     }
-    if (text.empty())
-        return false;
+    if (text.empty()) return false;
     std::uint64_t v = 0;
     for (char c : text) {
         unsigned d;
@@ -94,31 +87,24 @@ bool parse_size(std::string_view text, std::uint64_t &out) {
             d = static_cast<unsigned>(c - 'A' + 10);
         else
             return false;
-        if (v > (UINT64_MAX - d) / base)
-            return false;
+        if (v > (UINT64_MAX - d) / base) return false;
         v = v * base + d;
     }
-    if (v > UINT64_MAX / mult)
-        return false;
+    if (v > UINT64_MAX / mult) return false;
     out = v * mult;
     return true;
 }
 
 bool parse_mtd_name(std::string_view text, int &out) {
-    if (text.starts_with("/dev/"))
-        text.remove_prefix(5);
-    if (text.starts_with("mtd"))
-        text.remove_prefix(3);
-    if (text.empty() || text.size() > 3)
-        return false;
+    if (text.starts_with("/dev/")) text.remove_prefix(5);
+    if (text.starts_with("mtd")) text.remove_prefix(3);
+    if (text.empty() || text.size() > 3) return false;
     int v = 0;
     for (char c : text) {
-        if (c < '0' || c > '9')
-            return false;
+        if (c < '0' || c > '9') return false;
         v = v * 10 + (c - '0');
     }
-    if (v > kMaxMtd)
-        return false;
+    if (v > kMaxMtd) return false;
     out = v;
     return true;
 }
@@ -132,11 +118,9 @@ bool parse_layout(std::string_view text, Layout &out, std::string &err) {
         text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
         ++lineno;
         std::size_t hash = line.find('#');
-        if (hash != std::string_view::npos)
-            line = line.substr(0, hash);
+        if (hash != std::string_view::npos) line = line.substr(0, hash);
         line = trim(line);
-        if (line.empty())
-            continue;
+        if (line.empty()) continue;
         auto fail = [&](const std::string &why) {
             err = "line " + std::to_string(lineno) + ": " + why;
             return false;
@@ -147,10 +131,8 @@ bool parse_layout(std::string_view text, Layout &out, std::string &err) {
             layout.cmdline = std::string(rest);
             continue;
         }
-        if (words[0] != "mtd")
-            return fail("unknown keyword '" + std::string(words[0]) + "'");
-        if (words.size() < 2)
-            return fail("missing device number");
+        if (words[0] != "mtd") return fail("unknown keyword '" + std::string(words[0]) + "'");
+        if (words.size() < 2) return fail("missing device number");
         MtdDef def;
         if (!parse_mtd_name(words[1], def.index))
             return fail("bad device number '" + std::string(words[1]) + "'");
@@ -173,8 +155,7 @@ bool parse_layout(std::string_view text, Layout &out, std::string &err) {
                 return fail("unknown attribute '" + std::string(w) + "'");
             }
         }
-        if (!have_size)
-            return fail("mtd" + std::to_string(def.index) + " has no size=");
+        if (!have_size) return fail("mtd" + std::to_string(def.index) + " has no size=");
         // The MTD ioctl interface reports sizes in 32 bits.
         if (def.size > 0xFFFFFFFFULL)
             return fail("mtd" + std::to_string(def.index) + " is larger than 4 GiB");
@@ -217,8 +198,7 @@ bool parse_fault(std::string_view text, Fault &out, std::string &err) {
     std::string_view kind = parts[0];
     if (kind == "powercut") {
         f.kind = Fault::Kind::Powercut;
-        if (parts.size() != 2)
-            return fail("expected powercut:N");
+        if (parts.size() != 2) return fail("expected powercut:N");
         if (!parse_small(parts[1], UINT64_MAX, f.opno) || f.opno == 0)
             return fail("operation number must be 1 or more");
         out = f;
@@ -238,19 +218,16 @@ bool parse_fault(std::string_view text, Fault &out, std::string &err) {
     if (parts.size() != want)
         return fail(f.kind == Fault::Kind::Bitflip ? "expected bitflip:mtdN:OFFSET:BIT"
                                                    : "expected KIND:mtdN:NUMBER");
-    if (!parse_mtd_name(parts[1], f.mtd))
-        return fail("bad device");
+    if (!parse_mtd_name(parts[1], f.mtd)) return fail("bad device");
     std::uint64_t v = 0;
-    if (!parse_small(parts[2], UINT64_MAX, v))
-        return fail("bad number");
+    if (!parse_small(parts[2], UINT64_MAX, v)) return fail("bad number");
     if (f.kind == Fault::Kind::Erase)
         f.block = v;
     else
         f.offset = v;
     if (f.kind == Fault::Kind::Bitflip) {
         std::uint64_t bit = 0;
-        if (!parse_small(parts[3], 7, bit))
-            return fail("bit must be 0..7");
+        if (!parse_small(parts[3], 7, bit)) return fail("bit must be 0..7");
         f.bit = static_cast<int>(bit);
     }
     out = f;
@@ -258,15 +235,14 @@ bool parse_fault(std::string_view text, Fault &out, std::string &err) {
 }
 
 bool check_fault(const Fault &f, const Layout &layout, std::string &err) {
-    if (f.kind == Fault::Kind::Powercut)
-        return true;
+    if (f.kind == Fault::Kind::Powercut) return true;
     const MtdDef *m = layout.find(f.mtd);
     if (!m) {
         err = "fault on mtd" + std::to_string(f.mtd) + ", which the layout does not define";
         return false;
     }
-    bool inside = f.kind == Fault::Kind::Erase ? f.block < m->size / m->erasesize
-                                               : f.offset < m->size;
+    bool inside =
+        f.kind == Fault::Kind::Erase ? f.block < m->size / m->erasesize : f.offset < m->size;
     if (!inside) {
         err = std::string(Fault::kind_name(f.kind)) + " fault beyond the end of mtd" +
               std::to_string(f.mtd);
@@ -275,7 +251,9 @@ bool check_fault(const Fault &f, const Layout &layout, std::string &err) {
     return true;
 }
 
-std::string image_name(int mtd) { return "mtd" + std::to_string(mtd) + ".img"; }
+std::string image_name(int mtd) {
+    return "mtd" + std::to_string(mtd) + ".img";
+}
 
 bool ensure_images(const std::string &dir, const Layout &layout, std::string &err) {
     if (mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
@@ -288,8 +266,9 @@ bool ensure_images(const std::string &dir, const Layout &layout, std::string &er
         struct stat st {};
         if (stat(path.c_str(), &st) == 0) {
             if (static_cast<std::uint64_t>(st.st_size) != m.size) {
-                err = path + " holds " + std::to_string(st.st_size) + " bytes but the layout says " +
-                      std::to_string(m.size) + " (remove it to start from erased flash)";
+                err = path + " holds " + std::to_string(st.st_size) +
+                      " bytes but the layout says " + std::to_string(m.size) +
+                      " (remove it to start from erased flash)";
                 return false;
             }
             continue;
@@ -302,11 +281,11 @@ bool ensure_images(const std::string &dir, const Layout &layout, std::string &er
             err = tmp + ": " + std::strerror(errno);
             return false;
         }
-        if (ff.empty())
-            ff.assign(1 << 20, 0xFF);
+        if (ff.empty()) ff.assign(1 << 20, 0xFF);
         std::uint64_t done = 0;
         while (done < m.size) {
-            std::size_t n = static_cast<std::size_t>(std::min<std::uint64_t>(ff.size(), m.size - done));
+            std::size_t n =
+                static_cast<std::size_t>(std::min<std::uint64_t>(ff.size(), m.size - done));
             ssize_t w = pwrite(fd, ff.data(), n, static_cast<off_t>(done));
             if (w <= 0) {
                 err = tmp + ": " + std::strerror(w < 0 ? errno : ENOSPC);
@@ -335,14 +314,12 @@ bool read_file(const std::string &path, std::string &out, std::string &err) {
     for (;;) {
         ssize_t n = read(fd, buf, sizeof buf);
         if (n < 0) {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             err = path + ": " + std::strerror(errno);
             close(fd);
             return false;
         }
-        if (n == 0)
-            break;
+        if (n == 0) break;
         data.append(buf, static_cast<std::size_t>(n));
     }
     close(fd);

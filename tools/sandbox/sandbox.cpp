@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -26,7 +27,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <getopt.h>
-#include <climits>
 #include <poll.h>
 #include <pty.h>
 #include <sched.h>
@@ -50,9 +50,9 @@
 
 namespace {
 
-constexpr int kExitFailure = 125;    // the sandbox itself failed
-constexpr int kExitCannotRun = 126;  // COMMAND found but not executable
-constexpr int kExitNotFound = 127;   // COMMAND not found
+constexpr int kExitFailure = 125;   // the sandbox itself failed
+constexpr int kExitCannotRun = 126; // COMMAND found but not executable
+constexpr int kExitNotFound = 127;  // COMMAND not found
 constexpr int kExitTimeout = 124;
 constexpr int kExitPowercut = 128 + SIGKILL;
 constexpr int kReadyTimeoutMs = 10000;
@@ -84,7 +84,9 @@ struct Status {
     std::exit(kExitFailure);
 }
 
-[[noreturn]] void fail_errno(const std::string &what) { fail(what + ": " + std::strerror(errno)); }
+[[noreturn]] void fail_errno(const std::string &what) {
+    fail(what + ": " + std::strerror(errno));
+}
 
 [[noreturn]] void usage(int status) {
     std::fprintf(
@@ -132,8 +134,7 @@ Options parse_args(int argc, char **argv) {
     for (;;) {
         // '+': stop at COMMAND even without "--", so its options stay its own.
         int c = getopt_long(argc, argv, "+h", opts, nullptr);
-        if (c == -1)
-            break;
+        if (c == -1) break;
         switch (c) {
         case OptDir:
             o.dir = optarg;
@@ -175,8 +176,7 @@ Options parse_args(int argc, char **argv) {
     }
     for (int i = optind; i < argc; ++i)
         o.command.emplace_back(argv[i]);
-    if (o.dir.empty() || o.command.empty())
-        usage(2);
+    if (o.dir.empty() || o.command.empty()) usage(2);
     return o;
 }
 
@@ -184,26 +184,21 @@ Options parse_args(int argc, char **argv) {
 
 std::string dirname_of(const std::string &path) {
     auto slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    if (slash == 0)
-        return "/";
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
     return path.substr(0, slash);
 }
 
 std::string absolute(const std::string &path) {
-    if (!path.empty() && path[0] == '/')
-        return path;
+    if (!path.empty() && path[0] == '/') return path;
     char buf[PATH_MAX];
-    if (!getcwd(buf, sizeof buf))
-        fail_errno("getcwd");
+    if (!getcwd(buf, sizeof buf)) fail_errno("getcwd");
     return std::string(buf) + "/" + path;
 }
 
 std::string real(const std::string &path) {
     char buf[PATH_MAX];
-    if (!realpath(path.c_str(), buf))
-        fail_errno(path);
+    if (!realpath(path.c_str(), buf)) fail_errno(path);
     return buf;
 }
 
@@ -214,15 +209,12 @@ bool under(const std::string &path, const std::string &dir) {
 
 void write_file(const std::string &path, const std::string &data, mode_t mode) {
     int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0)
-        fail_errno(path);
+    if (fd < 0) fail_errno(path);
     std::size_t done = 0;
     while (done < data.size()) {
         ssize_t w = write(fd, data.data() + done, data.size() - done);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w < 0)
-            fail_errno(path);
+        if (w < 0 && errno == EINTR) continue;
+        if (w < 0) fail_errno(path);
         done += static_cast<std::size_t>(w);
     }
     close(fd);
@@ -242,15 +234,13 @@ void mkdir_p(const std::string &path, mode_t mode = 0755) {
         std::string part = path.substr(0, pos);
         if (!part.empty() && mkdir(part.c_str(), mode) != 0 && errno != EEXIST)
             fail_errno("mkdir " + part);
-        if (pos == std::string::npos)
-            return;
+        if (pos == std::string::npos) return;
         ++pos;
     }
 }
 
 void make_pipe(int fds[2]) {
-    if (pipe2(fds, O_CLOEXEC) != 0)
-        fail_errno("pipe");
+    if (pipe2(fds, O_CLOEXEC) != 0) fail_errno("pipe");
 }
 
 std::int64_t now_ms() {
@@ -263,10 +253,8 @@ bool read_full(int fd, void *buf, std::size_t n) {
     auto *p = static_cast<char *>(buf);
     while (n > 0) {
         ssize_t r = read(fd, p, n);
-        if (r < 0 && errno == EINTR)
-            continue;
-        if (r <= 0)
-            return false;
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return false;
         p += r;
         n -= static_cast<std::size_t>(r);
     }
@@ -276,10 +264,8 @@ bool read_full(int fd, void *buf, std::size_t n) {
 void write_all(int fd, const char *p, std::size_t n) {
     while (n > 0) {
         ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return;
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) return;
         p += w;
         n -= static_cast<std::size_t>(w);
     }
@@ -290,8 +276,7 @@ void write_all(int fd, const char *p, std::size_t n) {
 int resolve_command(const std::string &name, std::string &out) {
     if (name.find('/') != std::string::npos) {
         out = absolute(name);
-        if (access(out.c_str(), F_OK) != 0)
-            return ENOENT;
+        if (access(out.c_str(), F_OK) != 0) return ENOENT;
         return access(out.c_str(), X_OK) == 0 ? 0 : EACCES;
     }
     const char *env = getenv("PATH");
@@ -310,17 +295,14 @@ int resolve_command(const std::string &name, std::string &out) {
             }
             err = EACCES;
         }
-        if (colon == std::string::npos)
-            return err;
+        if (colon == std::string::npos) return err;
         start = colon + 1;
     }
 }
 
 std::string find_flashsim(const Options &o) {
-    if (!o.flashsim.empty())
-        return o.flashsim;
-    if (const char *env = getenv("KIV_FLASHSIM"); env && *env)
-        return env;
+    if (!o.flashsim.empty()) return o.flashsim;
+    if (const char *env = getenv("KIV_FLASHSIM"); env && *env) return env;
     char self[PATH_MAX];
     ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     if (n > 0) {
@@ -328,8 +310,7 @@ std::string find_flashsim(const Options &o) {
         std::string dir = dirname_of(self);
         for (const char *rel : {"/kiv-flashsim", "/../flashsim/kiv-flashsim"}) {
             std::string cand = dir + rel;
-            if (access(cand.c_str(), X_OK) == 0)
-                return cand;
+            if (access(cand.c_str(), X_OK) == 0) return cand;
         }
     }
     if (*KIV_FLASHSIM_DEFAULT && access(KIV_FLASHSIM_DEFAULT, X_OK) == 0)
@@ -362,8 +343,7 @@ std::string escape_text(std::string_view s) {
 
 bool is_timestamp(std::string_view s) {
     // "Mmm dd hh:mm:ss " as written by glibc and util-linux logger.
-    if (s.size() < 16)
-        return false;
+    if (s.size() < 16) return false;
     auto alpha = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
     auto digit = [](char c) { return c >= '0' && c <= '9'; };
     return alpha(s[0]) && alpha(s[1]) && alpha(s[2]) && s[3] == ' ' &&
@@ -386,20 +366,19 @@ std::string format_syslog(std::string_view msg) {
             msg.remove_prefix(i + 1);
         }
     }
-    if (is_timestamp(msg))
-        msg.remove_prefix(16);
+    if (is_timestamp(msg)) msg.remove_prefix(16);
     std::string_view ident, text = msg;
     std::size_t colon = msg.find(": ");
     if (colon == std::string_view::npos && !msg.empty() && msg.back() == ':')
         colon = msg.size() - 1;
-    if (colon != std::string_view::npos && msg.substr(0, colon).find(' ') == std::string_view::npos) {
+    if (colon != std::string_view::npos &&
+        msg.substr(0, colon).find(' ') == std::string_view::npos) {
         ident = msg.substr(0, colon);
         text = msg.substr(std::min(colon + 2, msg.size()));
         // Drop the "[pid]" that LOG_PID appends: pids are meaningless here.
         if (!ident.empty() && ident.back() == ']') {
             std::size_t lb = ident.rfind('[');
-            if (lb != std::string_view::npos)
-                ident = ident.substr(0, lb);
+            if (lb != std::string_view::npos) ident = ident.substr(0, lb);
         }
     }
     std::string line = std::to_string(pri >> 3) + "." + std::to_string(pri & 7) + "\t";
@@ -414,10 +393,8 @@ void drain_log(int sock, int out_fd) {
     static std::vector<char> buf(256 * 1024);
     for (;;) {
         ssize_t n = recv(sock, buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0)
-            return;
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return;
         std::string line = format_syslog(std::string_view(buf.data(), static_cast<std::size_t>(n)));
         write_all(out_fd, line.data(), line.size());
     }
@@ -427,10 +404,8 @@ bool drain_tty(int master) {
     char buf[65536];
     for (;;) {
         ssize_t n = read(master, buf, sizeof buf);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return n < 0 && errno == EAGAIN; // EIO: every writer is gone
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return n < 0 && errno == EAGAIN; // EIO: every writer is gone
         write_all(STDOUT_FILENO, buf, static_cast<std::size_t>(n));
     }
 }
@@ -457,14 +432,11 @@ void make_node(const char *name, mode_t mode, unsigned maj, unsigned min) {
     // the host's node is bound in instead.
     int saved = errno;
     for (const auto &[n, fd] : g_host_nodes) {
-        if (n != name || fd < 0)
-            continue;
+        if (n != name || fd < 0) continue;
         int f = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, mode);
-        if (f >= 0)
-            close(f);
+        if (f >= 0) close(f);
         std::string src = "/proc/self/fd/" + std::to_string(fd);
-        if (mount(src.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0)
-            return;
+        if (mount(src.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0) return;
         saved = errno;
     }
     errno = saved;
@@ -481,8 +453,8 @@ struct KeepMount {
 
 // pid 1 of the new pid namespace.  Never returns.
 [[noreturn]] void run_init(const Options &o, const std::string &exe, const std::string &cwd,
-                           const std::string &cmdline_file, int status_w, int lifeline_r,
-                           int cut_r, int ack_w, int tty_slave, const sigset_t &orig_mask,
+                           const std::string &cmdline_file, int status_w, int lifeline_r, int cut_r,
+                           int ack_w, int tty_slave, const sigset_t &orig_mask,
                            const struct sigaction &orig_pipe) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     auto die = [&](const std::string &msg) {
@@ -499,16 +471,13 @@ struct KeepMount {
     sigaddset(&chld, SIGCHLD);
     sigprocmask(SIG_BLOCK, &chld, nullptr);
     int sfd = signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (sfd < 0)
-        die(std::string("signalfd: ") + std::strerror(errno));
+    if (sfd < 0) die(std::string("signalfd: ") + std::strerror(errno));
 
     int exec_pipe[2];
-    if (pipe2(exec_pipe, O_CLOEXEC) != 0)
-        die(std::string("pipe: ") + std::strerror(errno));
+    if (pipe2(exec_pipe, O_CLOEXEC) != 0) die(std::string("pipe: ") + std::strerror(errno));
 
     pid_t child = fork();
-    if (child < 0)
-        die(std::string("fork: ") + std::strerror(errno));
+    if (child < 0) die(std::string("fork: ") + std::strerror(errno));
     if (child == 0) {
         close(exec_pipe[0]);
         sigaction(SIGPIPE, &orig_pipe, nullptr);
@@ -517,8 +486,7 @@ struct KeepMount {
             dup2(tty_slave, STDOUT_FILENO);
             close(tty_slave);
         }
-        if (chdir(cwd.c_str()) != 0 && chdir("/") != 0)
-            _exit(kExitFailure);
+        if (chdir(cwd.c_str()) != 0 && chdir("/") != 0) _exit(kExitFailure);
         std::vector<char *> argv;
         for (const auto &a : o.command)
             argv.push_back(const_cast<char *>(a.c_str()));
@@ -530,8 +498,7 @@ struct KeepMount {
         _exit(kExitNotFound);
     }
     close(exec_pipe[1]);
-    if (tty_slave >= 0)
-        close(tty_slave);
+    if (tty_slave >= 0) close(tty_slave);
 
     Status st;
     bool child_done = false;
@@ -547,8 +514,7 @@ struct KeepMount {
         // A negative descriptor (power cut already handled) is skipped by poll.
         pollfd pfd[3] = {{sfd, POLLIN, 0}, {cut_r, POLLIN, 0}, {lifeline_r, POLLIN, 0}};
         if (poll(pfd, 3, -1) < 0) {
-            if (errno == EINTR)
-                continue;
+            if (errno == EINTR) continue;
             die(std::string("poll: ") + std::strerror(errno));
         }
         if (pfd[2].revents) {
@@ -582,13 +548,11 @@ struct KeepMount {
                         st.wstatus = ws;
                         child_done = true;
                         // Whatever COMMAND left behind ends with it.
-                        if (!killed_all)
-                            kill_all();
+                        if (!killed_all) kill_all();
                     }
                     continue;
                 }
-                if (pid < 0 && errno == EINTR)
-                    continue;
+                if (pid < 0 && errno == EINTR) continue;
                 if (pid < 0 && errno == ECHILD && child_done) {
                     int e = 0;
                     if (read(exec_pipe[0], &e, sizeof e) == static_cast<ssize_t>(sizeof e))
@@ -620,32 +584,27 @@ int main(int argc, char **argv) {
     // One run at a time per device: two simulators on the same images would
     // interleave their operations.  Held until exit.
     int lock_fd = open((rundir + "/.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (lock_fd < 0)
-        fail_errno(rundir + "/.lock");
-    if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0)
-        fail(rundir + " is in use by another run");
+    if (lock_fd < 0) fail_errno(rundir + "/.lock");
+    if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0) fail(rundir + " is in use by another run");
     std::string layout_text, err;
     if (!o.layout_file.empty()) {
-        if (!kiv::sim::read_file(o.layout_file, layout_text, err))
-            fail(err);
+        if (!kiv::sim::read_file(o.layout_file, layout_text, err)) fail(err);
     } else {
         layout_text = std::string(kiv::sim::default_layout_text());
     }
     kiv::sim::Layout layout;
     if (!kiv::sim::parse_layout(layout_text, layout, err))
         fail((o.layout_file.empty() ? std::string("default layout") : o.layout_file) + ": " + err);
-    if (layout.mtds.empty())
-        fail("the layout defines no flash device");
+    if (layout.mtds.empty()) fail("the layout defines no flash device");
     for (const auto &spec : o.faults) {
         kiv::sim::Fault f;
         if (!kiv::sim::parse_fault(spec, f, err) || !kiv::sim::check_fault(f, layout, err))
             fail(err);
     }
-    std::string cmdline = o.have_cmdline ? o.cmdline
+    std::string cmdline = o.have_cmdline   ? o.cmdline
                           : layout.cmdline ? *layout.cmdline
                                            : std::string(kiv::sim::kDefaultCmdline);
-    if (!kiv::sim::ensure_images(rundir + "/flash", layout, err))
-        fail(err);
+    if (!kiv::sim::ensure_images(rundir + "/flash", layout, err)) fail(err);
     write_file(rundir + "/layout", layout_text, 0644);
     const std::string cmdline_file = rundir + "/cmdline";
     write_file(cmdline_file, cmdline + "\n", 0644);
@@ -653,17 +612,16 @@ int main(int argc, char **argv) {
     if (!o.hostcfg_default.empty() && !kiv::sim::read_file(o.hostcfg_default, hostcfg, err))
         fail(err);
 
-    int syslog_fd = open((rundir + "/syslog").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (syslog_fd < 0)
-        fail_errno(rundir + "/syslog");
-    int events_fd = open((rundir + "/events").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (events_fd < 0)
-        fail_errno(rundir + "/events");
+    int syslog_fd =
+        open((rundir + "/syslog").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (syslog_fd < 0) fail_errno(rundir + "/syslog");
+    int events_fd =
+        open((rundir + "/events").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (events_fd < 0) fail_errno(rundir + "/events");
     close(events_fd);
-    int simlog_fd = open((rundir + "/flashsim.log").c_str(),
-                         O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (simlog_fd < 0)
-        fail_errno(rundir + "/flashsim.log");
+    int simlog_fd =
+        open((rundir + "/flashsim.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (simlog_fd < 0) fail_errno(rundir + "/flashsim.log");
 
     // ---------------------------------------------------------- COMMAND
     std::string exe;
@@ -673,15 +631,13 @@ int main(int argc, char **argv) {
         return e == ENOENT ? kExitNotFound : kExitCannotRun;
     }
     char cwd_buf[PATH_MAX];
-    if (!getcwd(cwd_buf, sizeof cwd_buf))
-        fail_errno("getcwd");
+    if (!getcwd(cwd_buf, sizeof cwd_buf)) fail_errno("getcwd");
     const std::string cwd = cwd_buf;
 
     // Our own mount namespace from here on.  Descriptors used as sources of
     // bind mounts are opened after this: a bind only takes mounts of the
     // caller's namespace.
-    if (unshare(CLONE_NEWNS) != 0)
-        fail_errno("unshare(CLONE_NEWNS)");
+    if (unshare(CLONE_NEWNS) != 0) fail_errno("unshare(CLONE_NEWNS)");
     // Nothing mounted from here on may show up on the host.
     do_mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE);
 
@@ -690,8 +646,7 @@ int main(int argc, char **argv) {
     // later at the same path.
     std::vector<std::string> wanted{dirname_of(exe), dirname_of(real(exe)), rundir, cwd};
     for (const auto &k : o.keeps) {
-        if (access(k.c_str(), F_OK) != 0)
-            fail_errno("--keep " + k);
+        if (access(k.c_str(), F_OK) != 0) fail_errno("--keep " + k);
         wanted.push_back(real(k));
         wanted.push_back(absolute(k));
     }
@@ -702,22 +657,18 @@ int main(int argc, char **argv) {
         // /tmp and /mnt themselves are always fresh: keeping them would undo
         // the point (and a recursive bind of /tmp would bring the new tmpfs
         // along, hiding what it was meant to keep).
-        if ((!under(w, "/tmp") && !under(w, "/mnt")) || w == "/tmp" || w == "/mnt")
-            continue;
+        if ((!under(w, "/tmp") && !under(w, "/mnt")) || w == "/tmp" || w == "/mnt") continue;
         // A parent already bound brings everything below it along.
         bool covered = false;
         for (const auto &k : keeps)
             covered = covered || under(w, k.target);
-        if (covered)
-            continue;
+        if (covered) continue;
         KeepMount k;
         k.target = w;
         k.fd = open(w.c_str(), O_PATH | O_CLOEXEC);
-        if (k.fd < 0)
-            fail_errno(w);
+        if (k.fd < 0) fail_errno(w);
         struct stat st {};
-        if (fstat(k.fd, &st) != 0)
-            fail_errno(w);
+        if (fstat(k.fd, &st) != 0) fail_errno(w);
         k.is_dir = S_ISDIR(st.st_mode);
         keeps.push_back(k);
     }
@@ -726,8 +677,7 @@ int main(int argc, char **argv) {
     // Opened now and started through the descriptor: its path may be under
     // /tmp, which is about to be replaced.
     int flashsim_fd = open(flashsim.c_str(), O_RDONLY | O_CLOEXEC);
-    if (flashsim_fd < 0)
-        fail_errno(flashsim);
+    if (flashsim_fd < 0) fail_errno(flashsim);
     int pts_fd = open("/dev/pts", O_PATH | O_CLOEXEC | O_DIRECTORY);
     open_host_nodes();
 
@@ -736,8 +686,7 @@ int main(int argc, char **argv) {
         winsize ws{};
         ws.ws_row = 24;
         ws.ws_col = 80;
-        if (openpty(&tty_master, &tty_slave, nullptr, nullptr, &ws) != 0)
-            fail_errno("openpty");
+        if (openpty(&tty_master, &tty_slave, nullptr, nullptr, &ws) != 0) fail_errno("openpty");
         // Output is copied verbatim; no "\n" to "\r\n" translation.
         termios tio{};
         if (tcgetattr(tty_slave, &tio) == 0) {
@@ -756,9 +705,9 @@ int main(int argc, char **argv) {
         sigaddset(&handled, s);
     sigprocmask(SIG_BLOCK, &handled, &orig_mask);
     int sig_fd = signalfd(-1, &handled, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (sig_fd < 0)
-        fail_errno("signalfd");
-    struct sigaction ign {}, orig_pipe {};
+    if (sig_fd < 0) fail_errno("signalfd");
+    struct sigaction ign {
+    }, orig_pipe{};
     ign.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &ign, &orig_pipe);
 
@@ -772,8 +721,10 @@ int main(int argc, char **argv) {
     make_node("urandom", 0666, 1, 9);
     make_node("tty", 0666, 5, 0);
     make_node("fuse", 0600, 10, 229);
-    for (auto [name, target] : {std::pair{"fd", "/proc/self/fd"}, {"stdin", "/proc/self/fd/0"},
-                                {"stdout", "/proc/self/fd/1"}, {"stderr", "/proc/self/fd/2"},
+    for (auto [name, target] : {std::pair{"fd", "/proc/self/fd"},
+                                {"stdin", "/proc/self/fd/0"},
+                                {"stdout", "/proc/self/fd/1"},
+                                {"stderr", "/proc/self/fd/2"},
                                 {"ptmx", "pts/ptmx"}}) {
         if (symlink(target, (std::string("/dev/") + name).c_str()) != 0)
             fail_errno(std::string("symlink /dev/") + name);
@@ -791,8 +742,7 @@ int main(int argc, char **argv) {
     do_mount("tmpfs", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=1m");
     mkdir_p("/mnt/appl");
     do_mount("tmpfs", "/mnt/appl", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755");
-    if (!o.hostcfg_default.empty())
-        write_file("/mnt/appl/hostcfg.default", hostcfg, 0644);
+    if (!o.hostcfg_default.empty()) write_file("/mnt/appl/hostcfg.default", hostcfg, 0644);
     for (const auto &k : keeps) {
         if (k.is_dir) {
             mkdir_p(k.target);
@@ -812,15 +762,13 @@ int main(int argc, char **argv) {
     make_pipe(ack);
     pid_t sandbox_pid = getpid();
     pid_t sim = fork();
-    if (sim < 0)
-        fail_errno("fork");
+    if (sim < 0) fail_errno("fork");
     if (sim == 0) {
         // Its own process group: a ^C on the terminal must not take the
         // flash away from the program under test.
         setpgid(0, 0);
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != sandbox_pid)
-            _exit(1);
+        if (getppid() != sandbox_pid) _exit(1);
         sigprocmask(SIG_SETMASK, &orig_mask, nullptr);
         int devnull = open("/dev/null", O_RDONLY);
         dup2(devnull, STDIN_FILENO);
@@ -865,8 +813,7 @@ int main(int argc, char **argv) {
 
     // While the simulator starts: the log socket.
     int log_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (log_sock < 0)
-        fail_errno("socket");
+    if (log_sock < 0) fail_errno("socket");
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::strcpy(addr.sun_path, "/dev/log");
@@ -907,11 +854,9 @@ int main(int argc, char **argv) {
     int status_pipe[2], lifeline[2];
     make_pipe(status_pipe);
     make_pipe(lifeline);
-    if (unshare(CLONE_NEWPID) != 0)
-        fail_errno("unshare(CLONE_NEWPID)");
+    if (unshare(CLONE_NEWPID) != 0) fail_errno("unshare(CLONE_NEWPID)");
     pid_t init = fork();
-    if (init < 0)
-        fail_errno("fork");
+    if (init < 0) fail_errno("fork");
     if (init == 0) {
         close(status_pipe[0]);
         close(lifeline[1]);
@@ -919,18 +864,16 @@ int main(int argc, char **argv) {
         close(sig_fd);
         close(syslog_fd);
         close(simlog_fd);
-        if (tty_master >= 0)
-            close(tty_master);
-        run_init(o, exe, cwd, cmdline_file, status_pipe[1], lifeline[0], cut[0], ack[1],
-                 tty_slave, orig_mask, orig_pipe);
+        if (tty_master >= 0) close(tty_master);
+        run_init(o, exe, cwd, cmdline_file, status_pipe[1], lifeline[0], cut[0], ack[1], tty_slave,
+                 orig_mask, orig_pipe);
     }
     close(status_pipe[1]);
     close(lifeline[0]);
     close(cut[0]);
     close(ack[1]);
     close(simlog_fd);
-    if (tty_slave >= 0)
-        close(tty_slave);
+    if (tty_slave >= 0) close(tty_slave);
 
     const std::int64_t deadline = now_ms() + static_cast<std::int64_t>(o.timeout * 1000.0);
     Status st;
@@ -946,13 +889,11 @@ int main(int argc, char **argv) {
             timed_out = true;
             break;
         }
-        int pr = poll(pfd, tty_master >= 0 ? 4 : 3, static_cast<int>(std::min<std::int64_t>(left, 1 << 30)));
-        if (pr < 0 && errno == EINTR)
-            continue;
-        if (pr < 0)
-            fail_errno("poll");
-        if (pfd[1].revents)
-            drain_log(log_sock, syslog_fd);
+        int pr = poll(pfd, tty_master >= 0 ? 4 : 3,
+                      static_cast<int>(std::min<std::int64_t>(left, 1 << 30)));
+        if (pr < 0 && errno == EINTR) continue;
+        if (pr < 0) fail_errno("poll");
+        if (pfd[1].revents) drain_log(log_sock, syslog_fd);
         if (tty_master >= 0 && pfd[3].revents && !drain_tty(tty_master)) {
             close(tty_master);
             tty_master = -1;
@@ -969,15 +910,13 @@ int main(int argc, char **argv) {
             break;
         }
     }
-    if (!have_status)
-        kill(init, SIGKILL); // takes every process of the namespace with it
+    if (!have_status) kill(init, SIGKILL); // takes every process of the namespace with it
     int ws = 0;
     while (waitpid(init, &ws, 0) < 0 && errno == EINTR) {
     }
     // Everything that could log has ended; whatever it sent is queued.
     drain_log(log_sock, syslog_fd);
-    if (tty_master >= 0)
-        drain_tty(tty_master);
+    if (tty_master >= 0) drain_tty(tty_master);
     // Every flash request has been answered, so the images are complete.  The
     // mounts go away with this mount namespace.
     kill(sim, SIGKILL);
@@ -988,22 +927,19 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "kiv-sandbox: timed out after %g s\n", o.timeout);
         return kExitTimeout;
     }
-    if (stop_signal)
-        return 128 + stop_signal;
+    if (stop_signal) return 128 + stop_signal;
     if (!have_status) {
         if (WIFEXITED(ws) && WEXITSTATUS(ws) == kExitFailure)
             return kExitFailure; // init explained on stderr
         std::fprintf(stderr, "kiv-sandbox: the sandbox's init process died\n");
         return kExitFailure;
     }
-    if (st.powercut)
-        return kExitPowercut;
+    if (st.powercut) return kExitPowercut;
     if (st.exec_errno) {
         std::fprintf(stderr, "kiv-sandbox: cannot run %s: %s\n", exe.c_str(),
                      std::strerror(st.exec_errno));
         return st.exec_errno == ENOENT ? kExitNotFound : kExitCannotRun;
     }
-    if (WIFSIGNALED(st.wstatus))
-        return 128 + WTERMSIG(st.wstatus);
+    if (WIFSIGNALED(st.wstatus)) return 128 + WTERMSIG(st.wstatus);
     return WEXITSTATUS(st.wstatus);
 }
