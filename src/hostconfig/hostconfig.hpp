@@ -18,7 +18,7 @@ struct hostconfig {
     std::uint32_t used;                       // bytes in use when building; starts at 24
 };
 
-// Clears the handle. Returns 1, or 0 (handle left cleared) when capacity > 5120.
+// Clears the handle. Returns 1, or 0 (handle left cleared) when capacity > 5120 or < 24.
 int hostconfig_new(hostconfig *hc, std::uint32_t capacity);
 // Appends a copy of an existing part (hdr_length + body_length bytes).
 // Returns 1, or -1 (nothing changed) when it does not fit or 20 parts are present.
@@ -30,14 +30,16 @@ int hostconfig_add_body(hostconfig *hc, const void *body, std::uint32_t length, 
 std::uint8_t *hostconfig_get_body(hostconfig *hc, const char *name);
 // Header of that same part (the one hostconfig_get_body finds), or null.
 zunf_content_header *hostconfig_find_part(hostconfig *hc, const char *name);
-// Loads path, else backup_path (may be null). Returns 1 primary, 2 backup, -1 neither.
+// Loads path, else backup_path (may be null). Returns 1 primary, 2 backup, -1 neither
+// (also for an image header other than 16 bytes or more than 20 parts).
 int hostconfig_load(hostconfig *hc, const char *path, const char *backup_path);
 // Writes the part's body_crc then hdr_crc. Returns 1, or -1 for an empty body.
 int hostconfig_finalize_content(zunf_content_header *part);
 // Writes magic, version, body_crc, hdr_crc. Returns 1, or -1 when body_length is 0.
 int hostconfig_finalize_zunf(hostconfig *hc);
 // Finalizes and writes backup_path first (when given, result ignored), then path.
-// Returns 1 when the write to path succeeded, else -1.
+// Returns 1 when the write to path succeeded, else -1 (also, writing nothing, for a
+// handle without parts or a loaded one).
 int hostconfig_save(hostconfig *hc, const char *path, const char *backup_path);
 
 // One stored copy. Returns 0 for a valid image read into hc, -1 otherwise.
