@@ -28,20 +28,17 @@ constexpr int ARG_SETNAME = 2;
 constexpr int ARG_REFS = 3;
 
 // Argument `i` of the action, or null when the command line stopped before it.
-const char *arg(const kiv_options *options, int i)
-{
+const char *arg(const kiv_options *options, int i) {
     return i < options->nargs ? options->args[i] : nullptr;
 }
 
 // What "%i" converts at the start of word. False when nothing converts or the number
 // does not fit a long (where scanf's result would be undefined).
-bool scan_int(const char *word, long *value)
-{
+bool scan_int(const char *word, long *value) {
     char *end = nullptr;
     errno = 0;
     long v = std::strtol(word, &end, 0);
-    if (end == word || errno == ERANGE)
-        return false;
+    if (end == word || errno == ERANGE) return false;
     *value = v;
     return true;
 }
@@ -52,27 +49,22 @@ bool scan_int(const char *word, long *value)
 // than cut: a set that silently lost references would boot without a partition.
 constexpr int REFS_NOT_A_NUMBER = -1;
 constexpr int REFS_TOO_MANY = -2;
-int parse_refs(const char *text, std::int8_t (&refs)[KIVL_REFS])
-{
+int parse_refs(const char *text, std::int8_t (&refs)[KIVL_REFS]) {
     std::size_t count = 0;
     const char *p = text;
     for (;;) {
         const char *rest = p;
         while (*rest == ' ' || (*rest >= '\t' && *rest <= '\r'))
             ++rest;
-        if (*rest == '\0')
-            break;
+        if (*rest == '\0') break;
         char *end = nullptr;
         errno = 0;
         long v = std::strtol(p, &end, 0);
-        if (end == p || errno == ERANGE)
-            return REFS_NOT_A_NUMBER;
-        if (count == KIVL_REFS)
-            return REFS_TOO_MANY;
+        if (end == p || errno == ERANGE) return REFS_NOT_A_NUMBER;
+        if (count == KIVL_REFS) return REFS_TOO_MANY;
         // Only the low 8 bits are kept, as the field is a signed byte.
         refs[count++] = static_cast<std::int8_t>(static_cast<std::uint8_t>(v & 0xff));
-        if (*end != ',')
-            break;
+        if (*end != ',') break;
         p = end + 1;
     }
     return static_cast<int>(count);
@@ -80,25 +72,20 @@ int parse_refs(const char *text, std::int8_t (&refs)[KIVL_REFS])
 
 // A device pattern must hold exactly one integer conversion and nothing else that printf
 // would read an argument for: the pattern can come from the command line.
-bool device_pattern_ok(const char *pattern)
-{
+bool device_pattern_ok(const char *pattern) {
     int conversions = 0;
     for (const char *p = pattern; *p != '\0'; ++p) {
-        if (*p != '%')
-            continue;
+        if (*p != '%') continue;
         ++p;
-        if (*p == '%')
-            continue;
-        if (*p != 'i' && *p != 'd')
-            return false;
+        if (*p == '%') continue;
+        if (*p != 'i' && *p != 'd') return false;
         ++conversions;
     }
     return conversions == 1;
 }
 
 // Formats the partition device name; the pattern has been checked by device_pattern_ok.
-void device_name(char (&name)[DEVICE_NAME_LEN], const char *pattern, int pn)
-{
+void device_name(char (&name)[DEVICE_NAME_LEN], const char *pattern, int pn) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
     std::snprintf(name, sizeof name, pattern, pn);
@@ -109,8 +96,7 @@ void device_name(char (&name)[DEVICE_NAME_LEN], const char *pattern, int pn)
 // its NUL.
 template <std::size_t N> struct field_text {
     char text[N + 1];
-    explicit field_text(const char (&src)[N])
-    {
+    explicit field_text(const char (&src)[N]) {
         std::size_t n = strnlen(src, N);
         std::memcpy(text, src, n);
         text[n] = '\0';
@@ -118,8 +104,7 @@ template <std::size_t N> struct field_text {
 };
 } // namespace
 
-int kiv_initialize(kiv_options *options, kivl_data *data, hostconfig *hc)
-{
+int kiv_initialize(kiv_options *options, kivl_data *data, hostconfig *hc) {
     QX_ASSERT(MODULE, options != nullptr);
     QX_ASSERT(MODULE, data != nullptr);
     QX_ASSERT(MODULE, hc != nullptr);
@@ -142,13 +127,11 @@ int kiv_initialize(kiv_options *options, kivl_data *data, hostconfig *hc)
         kiv_log(LOG_ERR, "initialize: save failed.\n");
         return ACTION_FAILED;
     }
-    if (options->verbose || !::isatty(STDOUT_FILENO))
-        kiv_log(LOG_INFO, "initialize: OK\n");
+    if (options->verbose || !::isatty(STDOUT_FILENO)) kiv_log(LOG_INFO, "initialize: OK\n");
     return ACTION_OK;
 }
 
-int kiv_info(kiv_options *options, kivl_data *data, hostconfig *hc)
-{
+int kiv_info(kiv_options *options, kivl_data *data, hostconfig *hc) {
     QX_ASSERT(MODULE, options != nullptr);
     QX_ASSERT(MODULE, data != nullptr);
     QX_ASSERT(MODULE, hc != nullptr);
@@ -160,8 +143,7 @@ int kiv_info(kiv_options *options, kivl_data *data, hostconfig *hc)
     return ACTION_OK;
 }
 
-int kiv_partset(kiv_options *options, kivl_data *data, hostconfig *hc)
-{
+int kiv_partset(kiv_options *options, kivl_data *data, hostconfig *hc) {
     QX_ASSERT(MODULE, options != nullptr);
     QX_ASSERT(MODULE, data != nullptr);
     QX_ASSERT(MODULE, hc != nullptr);
@@ -199,18 +181,15 @@ int kiv_partset(kiv_options *options, kivl_data *data, hostconfig *hc)
     set.bootable = 0;
     std::memcpy(set.refs, refs, sizeof set.refs);
     std::memset(set.name, 0, sizeof set.name);
-    if (const char *name = arg(options, ARG_SETNAME))
-        qx_strlcpy(set.name, name, sizeof set.name);
+    if (const char *name = arg(options, ARG_SETNAME)) qx_strlcpy(set.name, name, sizeof set.name);
 
     zunf_release_header &rh = data->rec.rhdr[setidx];
     rh.release_version_major = static_cast<std::uint8_t>(options->meta_major);
     rh.release_version_minor = static_cast<std::uint8_t>(options->meta_minor);
     rh.release_build_number = static_cast<std::uint16_t>(options->meta_build);
 
-    if (options->verbose)
-        kiv_dump(options, data);
-    if (options->dryrun)
-        return ACTION_OK;
+    if (options->verbose) kiv_dump(options, data);
+    if (options->dryrun) return ACTION_OK;
     if (save(options, data, hc, "partset") != 1) {
         kiv_log_both(LOG_CRIT, "hostcfg saving failed.\n");
         return ACTION_FAILED;
@@ -218,8 +197,7 @@ int kiv_partset(kiv_options *options, kivl_data *data, hostconfig *hc)
     return ACTION_OK;
 }
 
-int kiv_mount(kiv_options *options, kivl_data *data, hostconfig *hc)
-{
+int kiv_mount(kiv_options *options, kivl_data *data, hostconfig *hc) {
     QX_ASSERT(MODULE, options != nullptr);
     QX_ASSERT(MODULE, data != nullptr);
     QX_ASSERT(MODULE, hc != nullptr);
@@ -244,11 +222,9 @@ int kiv_mount(kiv_options *options, kivl_data *data, hostconfig *hc)
     kivl_partpool_generate(data);
 
     for (std::int8_t ref : data->rec.sets[setidx].refs) {
-        if (ref == REFS_END)
-            break;
+        if (ref == REFS_END) break;
         // A damaged record may name an entry the table does not have.
-        if (ref < 0 || ref >= static_cast<int>(KIVL_PARTINFOS))
-            continue;
+        if (ref < 0 || ref >= static_cast<int>(KIVL_PARTINFOS)) continue;
         const kivl_partinfo &pi = data->rec.partinfo[ref];
         field_text mountpnt(pi.mountpnt);
         field_text fstype(pi.fstype);

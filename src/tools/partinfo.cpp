@@ -34,53 +34,44 @@ constexpr int BASE_DECIMAL = 10;
 kivl_data partinfo_data;
 hostconfig partinfo_hostconfig;
 
-const char *arg(const kiv_options *options, int i)
-{
+const char *arg(const kiv_options *options, int i) {
     return i < options->nargs ? options->args[i] : nullptr;
 }
 
-bool is_space(char c)
-{
+bool is_space(char c) {
     return std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
 // What "%i" converts at the start of word; nullopt when nothing converts or the number
 // does not fit a long.
-std::optional<long> scan_signed(const char *word)
-{
+std::optional<long> scan_signed(const char *word) {
     char *end = nullptr;
     errno = 0;
     long v = std::strtol(word, &end, BASE_BY_PREFIX);
-    if (end == word || errno == ERANGE)
-        return std::nullopt;
+    if (end == word || errno == ERANGE) return std::nullopt;
     return v;
 }
 
 // An unsigned 32-bit number at the start of word in the given base (0: by prefix).
 // nullopt when nothing converts, the number is negative or does not fit 32 bits: a value
 // the field cannot hold is refused, not wrapped.
-std::optional<std::uint32_t> scan_u32(const char *word, int base)
-{
+std::optional<std::uint32_t> scan_u32(const char *word, int base) {
     const char *p = word;
     while (is_space(*p))
         ++p;
-    if (*p == '-' || *p == '+')
-        return std::nullopt;
+    if (*p == '-' || *p == '+') return std::nullopt;
     char *end = nullptr;
     errno = 0;
     unsigned long long v = std::strtoull(p, &end, base);
-    if (end == p || errno == ERANGE || v > UINT32_MAX)
-        return std::nullopt;
+    if (end == p || errno == ERANGE || v > UINT32_MAX) return std::nullopt;
     return static_cast<std::uint32_t>(v);
 }
 
 // The text a "%s" directive after `prefix` would take from word: leading white space
 // skipped, then the run up to the next white space. nullopt when word does not start with
 // prefix or no text follows. Measured, never copied, so length limits can be checked first.
-std::optional<std::string_view> scan_text(std::string_view word, std::string_view prefix)
-{
-    if (!word.starts_with(prefix))
-        return std::nullopt;
+std::optional<std::string_view> scan_text(std::string_view word, std::string_view prefix) {
+    if (!word.starts_with(prefix)) return std::nullopt;
     word.remove_prefix(prefix.size());
     std::size_t start = 0;
     while (start < word.size() && is_space(word[start]))
@@ -88,23 +79,19 @@ std::optional<std::string_view> scan_text(std::string_view word, std::string_vie
     std::size_t end = start;
     while (end < word.size() && !is_space(word[end]))
         ++end;
-    if (end == start)
-        return std::nullopt;
+    if (end == start) return std::nullopt;
     return word.substr(start, end - start);
 }
 
 // The value after prefix, when word starts with it and something follows.
-const char *after(const char *word, std::string_view prefix)
-{
+const char *after(const char *word, std::string_view prefix) {
     std::string_view w(word);
-    if (!w.starts_with(prefix) || w.size() == prefix.size())
-        return nullptr;
+    if (!w.starts_with(prefix) || w.size() == prefix.size()) return nullptr;
     return word + prefix.size();
 }
 
 // Copies text that has been measured to fit (shorter than N) into a zeroed field.
-template <std::size_t N> void store_text(char (&field)[N], std::string_view text)
-{
+template <std::size_t N> void store_text(char (&field)[N], std::string_view text) {
     QX_ASSERT(MODULE, text.size() < N);
     std::memset(field, 0, N);
     std::memcpy(field, text.data(), text.size());
@@ -125,8 +112,7 @@ using refusal = const char *;
 
 // Tries word against the option forms in their fixed order; the first form that matches
 // takes it, and a word that matches none is ignored.
-refusal take_option(const char *word, partinfo_args *a)
-{
+refusal take_option(const char *word, partinfo_args *a) {
     if (const char *v = after(word, "-offset=")) {
         // The offset is always hexadecimal, with or without 0x.
         if (auto offset = scan_u32(v, BASE_HEX)) {
@@ -172,24 +158,20 @@ refusal take_option(const char *word, partinfo_args *a)
     return nullptr;
 }
 
-int refuse(const char *message)
-{
+int refuse(const char *message) {
     kiv_log(LOG_ERR, "%s", message);
     return ACTION_FAILED;
 }
 } // namespace
 
-int kiv_partinfo(kiv_options *options)
-{
+int kiv_partinfo(kiv_options *options) {
     QX_ASSERT(MODULE, options != nullptr);
     kivl_data *data = &partinfo_data;
     hostconfig *hc = &partinfo_hostconfig;
-    if (load(options, data, hc) != 1)
-        return refuse("partinfo action: loading hostcfg failed.\n");
+    if (load(options, data, hc) != 1) return refuse("partinfo action: loading hostcfg failed.\n");
 
     const char *partidx_word = arg(options, ARG_PARTIDX);
-    if (partidx_word == nullptr)
-        return refuse("partinfo action: wrong syntax.\n");
+    if (partidx_word == nullptr) return refuse("partinfo action: wrong syntax.\n");
     auto partidx = scan_signed(partidx_word);
     if (!partidx || *partidx < 0 || *partidx >= static_cast<long>(KIVL_PARTINFOS))
         return refuse("partinfo action: wrong syntax.\n");
@@ -207,20 +189,15 @@ int kiv_partinfo(kiv_options *options)
         if (std::strlen(poolname) >= KIVL_POOLNAME_LEN)
             return refuse("partinfo action: pool name too long.\n");
         auto size = scan_u32(size_word, BASE_BY_PREFIX);
-        if (!size)
-            return refuse("partinfo action: size invalid.\n");
+        if (!size) return refuse("partinfo action: size invalid.\n");
 
         partinfo_args a;
         for (int i = ARG_FIRST_OPTION; i < options->nargs; ++i) {
-            if (refusal why = take_option(options->args[i], &a))
-                return refuse(why);
+            if (refusal why = take_option(options->args[i], &a)) return refuse(why);
         }
-        if (a.pn < PN_NOT_GIVEN || a.pn > PN_MAX)
-            return refuse("partinfo action: pn invalid.\n");
-        if (a.mount.size() >= KIVL_MOUNTPNT_LEN)
-            return refuse("mountpoint name too long.\n");
-        if (a.fstype.size() >= KIVL_FSTYPE_LEN)
-            return refuse("fstype name too long.\n");
+        if (a.pn < PN_NOT_GIVEN || a.pn > PN_MAX) return refuse("partinfo action: pn invalid.\n");
+        if (a.mount.size() >= KIVL_MOUNTPNT_LEN) return refuse("mountpoint name too long.\n");
+        if (a.fstype.size() >= KIVL_FSTYPE_LEN) return refuse("fstype name too long.\n");
 
         entry = kivl_partinfo{};
         store_text(entry.poolname, poolname);
@@ -238,10 +215,8 @@ int kiv_partinfo(kiv_options *options)
         meta.sw.sw_build_number = static_cast<std::uint16_t>(options->meta_build);
     }
 
-    if (options->verbose)
-        kiv_dump(options, data);
-    if (options->dryrun)
-        return ACTION_OK;
+    if (options->verbose) kiv_dump(options, data);
+    if (options->dryrun) return ACTION_OK;
     if (save(options, data, hc, "partinfo") != 1) {
         kiv_log_both(LOG_CRIT, "partset action: hostcfg saving failed.\n");
         return ACTION_FAILED;

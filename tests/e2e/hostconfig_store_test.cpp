@@ -21,8 +21,7 @@ constexpr std::size_t FLASH_128K = 131072;
 constexpr std::size_t RECORD_OFFSET = 24 + 32; // body of the only part
 constexpr std::size_t SET1_NAME = RECORD_OFFSET + 1 + 36 + 1;
 
-std::vector<std::uint8_t> fresh_image_bytes(const Device &dev, int mtd)
-{
+std::vector<std::uint8_t> fresh_image_bytes(const Device &dev, int mtd) {
     std::vector<std::uint8_t> bytes = dev.flash(mtd);
     bytes.resize(std::min(bytes.size(), FRESH_IMAGE_SIZE));
     return bytes;
@@ -30,8 +29,7 @@ std::vector<std::uint8_t> fresh_image_bytes(const Device &dev, int mtd)
 
 // A fresh hostconfig as the independent decoder sees it: one data part "KIV data" whose
 // body is the all-zero record, and erased flash behind it.
-void expect_fresh_hostconfig(const Device &dev, int mtd)
-{
+void expect_fresh_hostconfig(const Device &dev, int mtd) {
     SCOPED_TRACE("mtd" + std::to_string(mtd));
     std::vector<std::uint8_t> bytes = dev.flash(mtd);
     Image img = hcdecode::decode_image(bytes);
@@ -48,8 +46,7 @@ void expect_fresh_hostconfig(const Device &dev, int mtd)
         << "the rest of the first 128 KiB is erased flash";
 }
 
-Record record_with_set(const std::string &name)
-{
+Record record_with_set(const std::string &name) {
     Record rec = empty_record();
     rec.sets[1].name = name;
     rec.sets[1].raw_refs[0] = 3;
@@ -57,8 +54,7 @@ Record record_with_set(const std::string &name)
 }
 
 // The events of a run in order, restricted to erases and writes of the hostconfig copies.
-std::vector<std::string> hostconfig_changes(const SandboxResult &r)
-{
+std::vector<std::string> hostconfig_changes(const SandboxResult &r) {
     std::vector<std::string> out;
     for (const std::string &e : r.events)
         if (e.rfind("erase mtd2 ", 0) == 0 || e.rfind("write mtd2 ", 0) == 0 ||
@@ -67,8 +63,7 @@ std::vector<std::string> hostconfig_changes(const SandboxResult &r)
     return out;
 }
 
-TEST(HostconfigStore, InitializeWritesAFreshHostconfigBackupFirst)
-{
+TEST(HostconfigStore, InitializeWritesAFreshHostconfigBackupFirst) {
     Device dev;
     SandboxResult r = kiv_on(dev, {"initialize"});
     EXPECT_EQ(r.exit, 0) << r.describe();
@@ -89,8 +84,7 @@ TEST(HostconfigStore, InitializeWritesAFreshHostconfigBackupFirst)
     EXPECT_EQ(r.events_with("erase mtd5 65536 65536").size(), 1u) << r.describe();
 }
 
-TEST(HostconfigStore, InitializeReplacesWhatWasStoredEvenWithDryrun)
-{
+TEST(HostconfigStore, InitializeReplacesWhatWasStoredEvenWithDryrun) {
     Device dev;
     Record old = record_with_set("OLD");
     std::vector<std::uint8_t> stored = hcdecode::encode_image(
@@ -110,8 +104,7 @@ TEST(HostconfigStore, InitializeReplacesWhatWasStoredEvenWithDryrun)
     EXPECT_EQ(fresh_image_bytes(dev, HOSTCFG_MTD), first);
 }
 
-TEST(HostconfigStore, InitializeSaysOkUnlessQuietOnATerminal)
-{
+TEST(HostconfigStore, InitializeSaysOkUnlessQuietOnATerminal) {
     struct Row {
         const char *what;
         bool tty;
@@ -131,8 +124,7 @@ TEST(HostconfigStore, InitializeSaysOkUnlessQuietOnATerminal)
         RunOptions options;
         options.stdout_tty = row.tty;
         std::vector<std::string> args = {"initialize"};
-        if (row.verbose)
-            args.push_back("-v");
+        if (row.verbose) args.push_back("-v");
         SandboxResult r = kiv_on(dev, args, options);
         EXPECT_EQ(r.exit, 0) << r.describe();
         EXPECT_EQ(r.err, row.err);
@@ -140,15 +132,13 @@ TEST(HostconfigStore, InitializeSaysOkUnlessQuietOnATerminal)
             EXPECT_EQ(r.out, "");
         }
         std::vector<SyslogLine> log = save_markers("initialize");
-        if (row.ok_in_syslog)
-            log.push_back(logged(LOG_INFO, "initialize: OK\n"));
+        if (row.ok_in_syslog) log.push_back(logged(LOG_INFO, "initialize: OK\n"));
         EXPECT_EQ(r.syslog, log);
         expect_fresh_hostconfig(dev, HOSTCFG_MTD);
     }
 }
 
-TEST(HostconfigStore, InfoOfAFreshHostconfig)
-{
+TEST(HostconfigStore, InfoOfAFreshHostconfig) {
     Device dev;
     ASSERT_EQ(kiv_on(dev, {"initialize"}).exit, 0);
     SandboxResult r = kiv_on(dev, {"info"});
@@ -159,8 +149,7 @@ TEST(HostconfigStore, InfoOfAFreshHostconfig)
     expect_flash_untouched(r);
 }
 
-TEST(HostconfigStore, InfoWithoutAHostconfigFails)
-{
+TEST(HostconfigStore, InfoWithoutAHostconfigFails) {
     Device dev; // blank flash
     SandboxResult r = kiv_on(dev, {"info"});
     EXPECT_EQ(r.exit, 1) << r.describe();
@@ -173,8 +162,7 @@ TEST(HostconfigStore, InfoWithoutAHostconfigFails)
 
 // A hostconfig written by another writer (the independent encoder) with every field of
 // the listing filled, and the upgrade states TEST and BOOT.
-TEST(HostconfigStore, InfoOfAPopulatedHostconfig)
-{
+TEST(HostconfigStore, InfoOfAPopulatedHostconfig) {
     Record rec = empty_record();
     rec.actset = 2;
     rec.sets[0].name = "SAFESET";
@@ -225,8 +213,7 @@ TEST(HostconfigStore, InfoOfAPopulatedHostconfig)
 
 // Erasing /dev/mtd5 for a save also erases the state bytes: both sets read VALID after
 // every save, and a dry run leaves them alone.
-TEST(HostconfigStore, EverySaveLeavesBothSetsValid)
-{
+TEST(HostconfigStore, EverySaveLeavesBothSetsValid) {
     struct Row {
         std::vector<std::string> args;
         bool saves;
@@ -262,15 +249,15 @@ TEST(HostconfigStore, EverySaveLeavesBothSetsValid)
     }
 }
 
-TEST(HostconfigStore, BadPrimaryIsReadFromTheBackupAndRepairedByTheNextSave)
-{
+TEST(HostconfigStore, BadPrimaryIsReadFromTheBackupAndRepairedByTheNextSave) {
     Device dev;
     ASSERT_EQ(kiv_on(dev, {"initialize"}).exit, 0);
     ASSERT_EQ(kiv_on(dev, {"partset", "1", "SET1", "-refs=3"}).exit, 0);
     SandboxResult good = kiv_on(dev, {"info"});
 
     // One flipped byte in the record: the image's body CRC no longer matches.
-    std::vector<std::uint8_t> flipped = {static_cast<std::uint8_t>(dev.flash(HOSTCFG_MTD)[SET1_NAME] ^ 0x20)};
+    std::vector<std::uint8_t> flipped = {
+        static_cast<std::uint8_t>(dev.flash(HOSTCFG_MTD)[SET1_NAME] ^ 0x20)};
     dev.set_flash(HOSTCFG_MTD, flipped, SET1_NAME);
     ASSERT_FALSE(hcdecode::decode_image(dev.flash(HOSTCFG_MTD)).ok);
 
@@ -278,9 +265,9 @@ TEST(HostconfigStore, BadPrimaryIsReadFromTheBackupAndRepairedByTheNextSave)
     EXPECT_EQ(r.exit, 0) << r.describe();
     EXPECT_EQ(r.out, good.out);
     EXPECT_EQ(r.err, "hostconfig_load failed; loaded backup (/dev/mtd2) successfully.\n");
-    EXPECT_EQ(r.syslog, std::vector{logged(
-                            LOG_DEBUG, "hostconfig_load failed; loaded backup (/dev/mtd2) "
-                                       "successfully.\n")});
+    EXPECT_EQ(r.syslog,
+              std::vector{logged(LOG_DEBUG, "hostconfig_load failed; loaded backup (/dev/mtd2) "
+                                            "successfully.\n")});
     expect_flash_untouched(r);
 
     SandboxResult save = kiv_on(dev, {"partset", "2", "SET2"});
@@ -297,8 +284,7 @@ TEST(HostconfigStore, BadPrimaryIsReadFromTheBackupAndRepairedByTheNextSave)
     EXPECT_EQ(kiv_on(dev, {"info"}).err, "");
 }
 
-TEST(HostconfigStore, BothCopiesBadFailsToLoad)
-{
+TEST(HostconfigStore, BothCopiesBadFailsToLoad) {
     Device dev;
     std::vector<std::uint8_t> image = image_of(record_with_set("SET1"));
     image[SET1_NAME] ^= 0x20;
@@ -310,8 +296,7 @@ TEST(HostconfigStore, BothCopiesBadFailsToLoad)
     EXPECT_EQ(r.out, "");
 }
 
-TEST(HostconfigStore, ALockedBackupTakesNoPart)
-{
+TEST(HostconfigStore, ALockedBackupTakesNoPart) {
     DeviceOptions options;
     options.layout = layout_with(BACKUP_MTD, "mtd 2  size=128K erase=64K locked");
     Device dev(options);
@@ -333,7 +318,8 @@ TEST(HostconfigStore, ALockedBackupTakesNoPart)
     EXPECT_TRUE(std::equal(kept.begin(), kept.end(), backup.begin()));
 
     // With the primary copy gone bad, the backup is not a fallback either.
-    std::vector<std::uint8_t> flipped = {static_cast<std::uint8_t>(dev.flash(HOSTCFG_MTD)[SET1_NAME] ^ 0x20)};
+    std::vector<std::uint8_t> flipped = {
+        static_cast<std::uint8_t>(dev.flash(HOSTCFG_MTD)[SET1_NAME] ^ 0x20)};
     dev.set_flash(HOSTCFG_MTD, flipped, SET1_NAME);
     SandboxResult r = kiv_on(dev, {"info"});
     EXPECT_EQ(r.exit, 1) << r.describe();
@@ -341,8 +327,7 @@ TEST(HostconfigStore, ALockedBackupTakesNoPart)
     EXPECT_EQ(r.out.find("BACKUP"), std::string::npos);
 }
 
-TEST(HostconfigStore, HostconfigInRegularFiles)
-{
+TEST(HostconfigStore, HostconfigInRegularFiles) {
     Device dev;
     const std::string cfg = dev.scratch_path("hostcfg.img");
     const std::string bak = dev.scratch_path("hostcfg.bak");
@@ -351,8 +336,8 @@ TEST(HostconfigStore, HostconfigInRegularFiles)
     };
     auto no_flash_changes = [](const SandboxResult &r) {
         for (const std::string &e : r.events)
-            EXPECT_TRUE(e.rfind("erase", 0) != 0 && e.rfind("write", 0) != 0)
-                << e << "\n" << r.describe();
+            EXPECT_TRUE(e.rfind("erase", 0) != 0 && e.rfind("write", 0) != 0) << e << "\n"
+                                                                              << r.describe();
     };
 
     SandboxResult init = kiv_on(dev, {"-cfg=" + cfg, "-cfgbak=" + bak, "initialize"});
@@ -386,7 +371,8 @@ TEST(HostconfigStore, HostconfigInRegularFiles)
                    std::string(reinterpret_cast<const char *>(bytes.data()), bytes.size()));
     std::vector<std::uint8_t> bad = file_bytes(cfg);
     bad[SET1_NAME] ^= 0x20;
-    dev.write_file("hostcfg.img", std::string(reinterpret_cast<const char *>(bad.data()), bad.size()));
+    dev.write_file("hostcfg.img",
+                   std::string(reinterpret_cast<const char *>(bad.data()), bad.size()));
     SandboxResult fallback = kiv_on(dev, {"info", "-cfg=" + cfg, "-cfgbak=" + bak});
     EXPECT_EQ(fallback.exit, 1) << fallback.describe();
     EXPECT_EQ(fallback.err, "hostconfig_load failed.\ninfo action: loading hostcfg failed.\n");
@@ -401,8 +387,7 @@ TEST(HostconfigStore, HostconfigInRegularFiles)
 }
 
 // Other writers' parts survive a save in their order, with "KIV data" moved to the end.
-TEST(HostconfigStore, ASaveKeepsTheOtherPartsAndPutsKivDataLast)
-{
+TEST(HostconfigStore, ASaveKeepsTheOtherPartsAndPutsKivDataLast) {
     Device dev;
     const std::vector<std::uint8_t> a_body = {'a', 'b', 'c', 'd', 'e'};
     const std::vector<std::uint8_t> b_body(100, 0x5A);
@@ -484,8 +469,7 @@ const std::string INTEGRATOR_INFO =
     "KIV Data Upgrade set 1: VALID(0)\n"
     "KIV Data Upgrade set 2: VALID(0)\n";
 
-TEST(HostconfigStore, IntegratorBuildsAHostconfigFromNothing)
-{
+TEST(HostconfigStore, IntegratorBuildsAHostconfigFromNothing) {
     Device dev;
     for (const auto &command : INTEGRATOR_COMMANDS) {
         SCOPED_TRACE(command[0] + " " + (command.size() > 1 ? command[1] : ""));
@@ -524,8 +508,7 @@ TEST(HostconfigStore, IntegratorBuildsAHostconfigFromNothing)
 }
 
 // The demonstration script runs the same commands on the device, each shown first.
-TEST(HostconfigStore, DemoScriptDescribesTheDevice)
-{
+TEST(HostconfigStore, DemoScriptDescribesTheDevice) {
     Device dev;
     const std::string script = kiv::test::source_dir() + "/scripts/demo-device.sh";
     SandboxResult r = run_on(dev, {"/bin/sh", script, kiv::test::kiv_bin()});
