@@ -15,6 +15,21 @@
 #include "mkzunf/zunf_builder.hpp"
 #include "tools/verify.hpp"
 
+// Counts the heap allocations of the code under test. glibc's allocator stays in charge;
+// under AddressSanitizer, which owns malloc itself, the count is not taken.
+#if !defined(__SANITIZE_ADDRESS__)
+extern "C" void *__libc_malloc(std::size_t size);
+namespace {
+bool counting = false;
+int allocations = 0;
+} // namespace
+extern "C" void *malloc(std::size_t size) {
+    if (counting) ++allocations;
+    return __libc_malloc(size);
+}
+#define KIV_COUNTS_ALLOCATIONS 1
+#endif
+
 namespace {
 
 using mkzunf::Bytes;
@@ -88,6 +103,32 @@ TEST_F(Partitions, EachLayoutIsFoundWhereTheInstallPutsIt) {
             EXPECT_EQ(crc32_check(&data, 4, row.checked), row.expected);
         }
     }
+}
+
+// The check runs inside the install's critical region: a partition of many chunks is read
+// without touching the heap.
+TEST_F(Partitions, NoAllocationWhileChecking) {
+#ifdef KIV_COUNTS_ALLOCATIONS
+    install(9, 2, pattern_bytes(5 * 4096 + 1, 9));
+    counting = true;
+    allocations = 0;
+    const int ok = crc32_check(&data, 9, 2);
+    const int mismatch = crc32_check(&data, 9, 1);
+    counting = false;
+    EXPECT_EQ(ok, KIV_CRC_OK);
+    EXPECT_EQ(mismatch, KIV_CRC_MISMATCH);
+    EXPECT_EQ(allocations, 0);
+
+    // The counter sees what a stdio stream costs.
+    counting = true;
+    std::FILE *f = std::fopen(device(9).c_str(), "r");
+    counting = false;
+    ASSERT_NE(f, nullptr);
+    std::fclose(f);
+    EXPECT_GT(allocations, 0);
+#else
+    GTEST_SKIP() << "the sanitizer owns the allocator";
+#endif
 }
 
 TEST_F(Partitions, ContentThatNoLongerMatches) {
