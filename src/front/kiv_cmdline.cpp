@@ -83,6 +83,8 @@ constexpr const char *DEFAULT_DEVICE = "/dev/mtd%i";
 constexpr int MIN_ARGC = 2;
 // Width of the -dev= scan: the pattern gets "%i" appended and must stay a short name.
 constexpr std::size_t DEV_SCAN_WIDTH = 40;
+// Even with every character doubled the pattern fits its field.
+static_assert(2 * DEV_SCAN_WIDTH + 3 <= KIV_PATH_LEN);
 // Room in args for words: the last entry is the terminating null.
 constexpr std::int32_t MAX_WORDS = static_cast<std::int32_t>(KIV_MAX_ARGS) - 1;
 
@@ -164,8 +166,15 @@ Word scan_device(kiv_options *o, std::string_view word) {
         kiv_log(LOG_ERR, "-dev failure. %s is not a block device\n", path);
         return Word::Refused;
     }
-    // The partitions are then path0, path1, ...
-    std::snprintf(o->device, sizeof o->device, "%s%%i", path);
+    // The partitions are then path0, path1, ... The path becomes part of a printf pattern,
+    // so a '%' in it is doubled to stay a literal character.
+    std::size_t n = 0;
+    for (const char *c = path; *c != '\0'; ++c) {
+        if (*c == '%')
+            o->device[n++] = '%';
+        o->device[n++] = *c;
+    }
+    std::snprintf(o->device + n, sizeof o->device - n, "%%i");
     return Word::Option;
 }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -604,6 +605,29 @@ TEST(KivCmdline, DeviceMustBeABlockDevice) {
     ASSERT_EQ(p.result, GO);
     EXPECT_EQ(p.err, "");
     EXPECT_EQ(std::string(p.o.device), *block + "%i");
+}
+
+// The device path becomes part of a printf pattern: a '%' in a node's name must stay a
+// literal character, or every partition name would be formatted from garbage.
+TEST(KivCmdline, DevicePercentStaysLiteral) {
+    char dir[] = "/tmp/kivdevXXXXXX";
+    ASSERT_NE(::mkdtemp(dir), nullptr);
+    std::string node = std::string(dir) + "/b%d";
+    if (::mknod(node.c_str(), S_IFBLK | 0600, makedev(7, 0)) != 0) {
+        ::rmdir(dir);
+        GTEST_SKIP() << "cannot create a block device node here";
+    }
+    Parsed p = parse({"-dev=" + node, "x"});
+    ::unlink(node.c_str());
+    ::rmdir(dir);
+    ASSERT_EQ(p.result, GO);
+    EXPECT_EQ(std::string(p.o.device), std::string(dir) + "/b%%d%i");
+    char name[120];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral" // the pattern is the device option
+    std::snprintf(name, sizeof name, p.o.device, 7);
+#pragma GCC diagnostic pop
+    EXPECT_EQ(std::string(name), std::string(dir) + "/b%d7");
 }
 
 TEST(KivCmdline, VerboseSummary) {
