@@ -511,7 +511,8 @@ TEST(HostconfigStore, IntegratorBuildsAHostconfigFromNothing) {
 TEST(HostconfigStore, DemoScriptDescribesTheDevice) {
     Device dev;
     const std::string script = kiv::test::source_dir() + "/scripts/demo-device.sh";
-    SandboxResult r = run_on(dev, {"/bin/sh", script, kiv::test::kiv_bin()});
+    SandboxResult r =
+        run_on(dev, {"/bin/sh", script, kiv::test::kiv_bin(), kiv::test::mkzunf_bin()});
     EXPECT_EQ(r.exit, 0) << r.describe();
     for (const auto &command : INTEGRATOR_COMMANDS) {
         std::string shown = "$ kiv";
@@ -521,6 +522,21 @@ TEST(HostconfigStore, DemoScriptDescribesTheDevice) {
     }
     EXPECT_NE(r.out.find("$ kiv info\n" + INTEGRATOR_INFO), std::string::npos) << r.describe();
     EXPECT_EQ(record_on(dev, HOSTCFG_MTD)->sets[2].name, "SET2");
+
+    // The release written by hand into set 1 checks out, becomes active, passes through
+    // TEST after the boot and ends VALID.
+    for (const char *line : {" 9  Belongs to pool KNL              CRC32 content check: OK\n",
+                             "verify_set:   ref 13: APPL                     : ok\n",
+                             "KIV Data Upgrade set 1: TEST(1)\n", "Already validated\n",
+                             "2.01,7,\n", "13,APPL,90000,2.01\n"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.describe();
+    auto record = record_on(dev, HOSTCFG_MTD);
+    ASSERT_TRUE(record.has_value());
+    EXPECT_EQ(record->actset, 1);
+    EXPECT_EQ(record->pinfometa[11].body_length, 150000u);
+    const std::vector<uint8_t> state = dev.flash(HOSTCFG_MTD);
+    ASSERT_TRUE(hcdecode::state_byte(state, 1).has_value());
+    EXPECT_EQ(hcdecode::decode_state(*hcdecode::state_byte(state, 1)), 0) << "set 1 ends VALID";
 }
 
 } // namespace
