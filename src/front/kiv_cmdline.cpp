@@ -14,6 +14,7 @@
 #include "hostconfig/hostconfig.hpp"
 #include "kivl/kivl.hpp"
 #include "util/qx.hpp"
+#include "util/scan_text.hpp"
 
 // Printed by `help` and after a command line without any word.
 const char kiv_usage_text[] = R"usage(Usage: kiv [ ... ] ACTION [ ... ]
@@ -96,23 +97,6 @@ Word refuse(const char *message) {
     return Word::Refused;
 }
 
-// What a scanf "%s" directive following `literal` would assign from word: leading white
-// space skipped, then the run of non-white-space characters. Measured rather than scanned
-// so that a value longer than its field is refused instead of overrunning it.
-std::optional<std::string_view> scan_text(std::string_view word, std::string_view literal) {
-    if (!word.starts_with(literal)) return std::nullopt;
-    word.remove_prefix(literal.size());
-    auto is_space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
-    std::size_t start = 0;
-    while (start < word.size() && is_space(word[start]))
-        ++start;
-    std::size_t end = start;
-    while (end < word.size() && !is_space(word[end]))
-        ++end;
-    if (end == start) return std::nullopt;
-    return word.substr(start, end - start);
-}
-
 // Copies value (shorter than size) into a text field of size bytes.
 void store_text(char *field, std::size_t size, std::string_view value) {
     QX_ASSERT("kiv", value.size() < size);
@@ -135,7 +119,7 @@ template <std::size_t N>
 bool scan_cut(std::string_view word, std::string_view literal, char (&field)[N]) {
     auto value = scan_text(word, literal);
     if (!value) return false;
-    store_text(field, N, value->substr(0, N - 1));
+    store_text(field, N, sv_slice(*value, 0, N - 1));
     return true;
 }
 
@@ -160,7 +144,7 @@ Word scan_device(kiv_options *o, std::string_view word) {
     auto value = scan_text(word, "-dev=");
     if (!value) return refuse("-dev syntax failure.\n");
     char path[DEV_SCAN_WIDTH + 1];
-    store_text(path, sizeof path, value->substr(0, DEV_SCAN_WIDTH));
+    store_text(path, sizeof path, sv_slice(*value, 0, DEV_SCAN_WIDTH));
     struct stat st;
     if (::stat(path, &st) != 0 || !S_ISBLK(st.st_mode)) {
         kiv_log(LOG_ERR, "-dev failure. %s is not a block device\n", path);

@@ -5,6 +5,7 @@
 
 #include "kivl/kivl.hpp"
 #include "util/qx.hpp"
+#include "util/scan_text.hpp"
 
 namespace {
 constexpr const char *MODULE = "kivl";
@@ -139,7 +140,7 @@ int kivl_match_model(const zunf_content_header *rh_part, const char *model) {
     if (key == std::string_view::npos) return 0;
     const char *m = model;
     bool matching = true;
-    for (char c : text.substr(key + PRODUCTS_KEY.size())) {
+    for (char c : sv_slice(text, key + PRODUCTS_KEY.size())) {
         if (c == ',' || c == '\n') {
             if (matching && *m == '\0') return 1;
             if (c == '\n') return 0;

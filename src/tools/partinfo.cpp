@@ -14,6 +14,7 @@
 #include "hostconfig/hostconfig.hpp"
 #include "kivl/kivl.hpp"
 #include "util/qx.hpp"
+#include "util/scan_text.hpp"
 
 namespace {
 constexpr const char *MODULE = "kiv";
@@ -38,10 +39,6 @@ const char *arg(const kiv_options *options, int i) {
     return i < options->nargs ? options->args[i] : nullptr;
 }
 
-bool is_space(char c) {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
-
 // What "%i" converts at the start of word; nullopt when nothing converts or the number
 // does not fit a long.
 std::optional<long> scan_signed(const char *word) {
@@ -57,7 +54,7 @@ std::optional<long> scan_signed(const char *word) {
 // the field cannot hold is refused, not wrapped.
 std::optional<std::uint32_t> scan_u32(const char *word, int base) {
     const char *p = word;
-    while (is_space(*p))
+    while (scan_is_space(*p))
         ++p;
     if (*p == '-' || *p == '+') return std::nullopt;
     char *end = nullptr;
@@ -67,21 +64,6 @@ std::optional<std::uint32_t> scan_u32(const char *word, int base) {
     return static_cast<std::uint32_t>(v);
 }
 
-// The text a "%s" directive after `prefix` would take from word: leading white space
-// skipped, then the run up to the next white space. nullopt when word does not start with
-// prefix or no text follows. Measured, never copied, so length limits can be checked first.
-std::optional<std::string_view> scan_text(std::string_view word, std::string_view prefix) {
-    if (!word.starts_with(prefix)) return std::nullopt;
-    word.remove_prefix(prefix.size());
-    std::size_t start = 0;
-    while (start < word.size() && is_space(word[start]))
-        ++start;
-    std::size_t end = start;
-    while (end < word.size() && !is_space(word[end]))
-        ++end;
-    if (end == start) return std::nullopt;
-    return word.substr(start, end - start);
-}
 
 // The value after prefix, when word starts with it and something follows.
 const char *after(const char *word, std::string_view prefix) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 
 #if defined(__x86_64__)
+#include <cpuid.h>
 #include <immintrin.h>
 #elif defined(__arm__)
 #include <asm/hwcap.h>
@@ -179,9 +180,11 @@ __attribute__((target("pclmul,sse2"))) std::uint32_t crc_fold_pclmul(std::uint32
 
 bool have_pclmul()
 {
+    // CPUID leaf 1, ECX bit 1: PCLMULQDQ. Read directly, so that the binary does not carry
+    // the compiler runtime's CPU model tables for a single flag.
     static const bool yes = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("pclmul") != 0;
+        unsigned a = 0, b = 0, c = 0, d = 0;
+        return __get_cpuid(1, &a, &b, &c, &d) != 0 && (c & bit_PCLMUL) != 0;
     }();
     return yes;
 }
