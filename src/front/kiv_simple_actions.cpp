@@ -13,6 +13,8 @@
 #include "front/kiv_log.hpp"
 #include "hostconfig/hostconfig.hpp"
 #include "kivl/kivl.hpp"
+#include "tools/verify.hpp"
+#include "util/fixed_text.hpp"
 #include "util/qx.hpp"
 
 namespace {
@@ -70,38 +72,7 @@ int parse_refs(const char *text, std::int8_t (&refs)[KIVL_REFS]) {
     return static_cast<int>(count);
 }
 
-// A device pattern must hold exactly one integer conversion and nothing else that printf
-// would read an argument for: the pattern can come from the command line.
-bool device_pattern_ok(const char *pattern) {
-    int conversions = 0;
-    for (const char *p = pattern; *p != '\0'; ++p) {
-        if (*p != '%') continue;
-        ++p;
-        if (*p == '%') continue;
-        if (*p != 'i' && *p != 'd') return false;
-        ++conversions;
-    }
-    return conversions == 1;
-}
 
-// Formats the partition device name; the pattern has been checked by device_pattern_ok.
-void device_name(char (&name)[DEVICE_NAME_LEN], const char *pattern, int pn) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    std::snprintf(name, sizeof name, pattern, pn);
-#pragma GCC diagnostic pop
-}
-
-// A fixed-width text field as terminated text: a record read from flash need not hold
-// its NUL.
-template <std::size_t N> struct field_text {
-    char text[N + 1];
-    explicit field_text(const char (&src)[N]) {
-        std::size_t n = strnlen(src, N);
-        std::memcpy(text, src, n);
-        text[n] = '\0';
-    }
-};
 } // namespace
 
 int kiv_initialize(kiv_options *options, kivl_data *data, hostconfig *hc) {
@@ -215,7 +186,9 @@ int kiv_mount(kiv_options *options, kivl_data *data, hostconfig *hc) {
         kiv_log(LOG_ERR, "mount: invalid set idx?\n");
         return ACTION_FAILED;
     }
-    if (!device_pattern_ok(data->device)) {
+    // The pattern can come from the command line: refuse it before any line is printed.
+    char device[DEVICE_NAME_LEN];
+    if (kiv_device_path(device, sizeof device, data->device, 0) < 0) {
         kiv_log(LOG_ERR, "mount: invalid device pattern.\n");
         return ACTION_FAILED;
     }
@@ -226,14 +199,13 @@ int kiv_mount(kiv_options *options, kivl_data *data, hostconfig *hc) {
         // A damaged record may name an entry the table does not have.
         if (ref < 0 || ref >= static_cast<int>(KIVL_PARTINFOS)) continue;
         const kivl_partinfo &pi = data->rec.partinfo[ref];
-        field_text mountpnt(pi.mountpnt);
-        field_text fstype(pi.fstype);
+        terminated mountpnt(pi.mountpnt);
+        terminated fstype(pi.fstype);
         // The root file system is mounted by the kernel, never by us.
         if (fstype.text[0] == '\0' || mountpnt.text[0] == '\0' ||
             std::strcmp(mountpnt.text, "/") == 0)
             continue;
-        char device[DEVICE_NAME_LEN];
-        device_name(device, data->device, pi.pn);
+        kiv_device_path(device, sizeof device, data->device, pi.pn);
         qx_printf("KIV: Mounting %s on %s as %s...", device, mountpnt.text, fstype.text);
         if (options->dryrun) {
             qx_printf(" DRYRUN\n");

@@ -4,21 +4,11 @@
 #include <limits>
 
 #include "kivl/kivl.hpp"
+#include "util/fixed_text.hpp"
 #include "util/qx.hpp"
 
 namespace {
 constexpr const char *MODULE = "kivl";
-
-// A fixed-width text field copied into a terminated buffer: a record read from flash
-// need not hold its NUL, and "%s" must not run past the field.
-template <std::size_t N> struct field {
-    char text[N + 1];
-    explicit field(const char (&src)[N]) {
-        std::size_t n = strnlen(src, N);
-        std::memcpy(text, src, n);
-        text[n] = '\0';
-    }
-};
 
 bool field_empty(const char *f) {
     return f[0] == '\0';
@@ -32,7 +22,7 @@ int print_sets_versions(const kivl_data *data) {
         const kivl_set &set = rec.sets[s];
         if (field_empty(set.name)) continue;
         const zunf_release_header &rh = rec.rhdr[s];
-        qx_printf(" %2i  %-15s  %1i         ", static_cast<int>(s), field(set.name).text,
+        qx_printf(" %2i  %-15s  %1i         ", static_cast<int>(s), terminated(set.name).text,
                   set.bootable);
         qx_printf("%2i.%02i %-4i  ", rh.release_version_major, rh.release_version_minor,
                   rh.release_build_number.get());
@@ -54,9 +44,9 @@ int print_sets_releases(const kivl_data *data) {
         const kivl_set &set = rec.sets[s];
         if (field_empty(set.name)) continue;
         const zunf_release_header &rh = rec.rhdr[s];
-        qx_printf(" %2i  %-15s  ", static_cast<int>(s), field(set.name).text);
+        qx_printf(" %2i  %-15s  ", static_cast<int>(s), terminated(set.name).text);
         kivl_printf_time(rh.release_date.get());
-        qx_printf("  %-20s", field(rh.release_build_id).text);
+        qx_printf("  %-20s", terminated(rh.release_build_id).text);
         r = qx_printf("\n");
     }
     return r;
@@ -72,9 +62,9 @@ int print_partitions_layout(const kivl_data *data) {
         if (field_empty(pi.poolname)) continue;
         const zunf_software_header &sw = rec.pinfometa[i].sw;
         qx_printf(" %2i  %2d  %-15s  0x%-8X  0x%-8X  %2i.%02i %-4i", static_cast<int>(i), pi.pn,
-                  field(pi.poolname).text, pi.offset.get(), pi.size.get(), sw.sw_version_major,
+                  terminated(pi.poolname).text, pi.offset.get(), pi.size.get(), sw.sw_version_major,
                   sw.sw_version_minor, sw.sw_build_number.get());
-        r = qx_printf("  %-8s  %s\n", field(pi.fstype).text, field(pi.mountpnt).text);
+        r = qx_printf("  %-8s  %s\n", terminated(pi.fstype).text, terminated(pi.mountpnt).text);
     }
     return r;
 }
@@ -88,7 +78,7 @@ int print_partitions_content(const kivl_data *data) {
         if (field_empty(pi.poolname)) continue;
         const zunf_content_header &meta = rec.pinfometa[i].hdr;
         r = qx_printf(" %2i  %-15s  %-16s  0x%-8X  0x%-8X\n", static_cast<int>(i),
-                      field(pi.poolname).text, field(meta.name).text, meta.body_length.get(),
+                      terminated(pi.poolname).text, terminated(meta.name).text, meta.body_length.get(),
                       meta.body_crc.get());
     }
     return r;
@@ -100,7 +90,7 @@ int print_pools(const kivl_data *data) {
     for (std::size_t p = 0; p < KIVL_POOLS; ++p) {
         const kivl_pool &pool = data->pools[p];
         if (field_empty(pool.name)) continue;
-        qx_printf(" %2i  %-15s  %-2i     ", static_cast<int>(p), field(pool.name).text, pool.cnt);
+        qx_printf(" %2i  %-15s  %-2i     ", static_cast<int>(p), terminated(pool.name).text, pool.cnt);
         r = qx_printf(pool.cnt == 1 ? "singleton\n" : "multi\n");
     }
     return r;

@@ -4,18 +4,13 @@
 #include <string_view>
 
 #include "kivl/kivl.hpp"
+#include "util/fixed_text.hpp"
 #include "util/qx.hpp"
 #include "util/scan_text.hpp"
 
 namespace {
 constexpr const char *MODULE = "kivl";
 constexpr std::string_view PRODUCTS_KEY = "products=";
-
-// Text of a fixed-width field: up to its first NUL, never past its width (a record read
-// from flash need not be terminated).
-std::string_view field_text(const char *field, std::size_t width) {
-    return std::string_view(field, strnlen(field, width));
-}
 
 // The first 4 bytes of a release header and of a software header.
 struct version_triple {
@@ -82,7 +77,7 @@ void kivl_partpool_generate(kivl_data *data) {
     data->pools_valid = 0;
     for (std::size_t i = 0; i < KIVL_PARTINFOS; ++i) {
         const char *poolname = data->rec.partinfo[i].poolname;
-        std::string_view name = field_text(poolname, KIVL_POOLNAME_LEN);
+        std::string_view name = field_view(poolname, KIVL_POOLNAME_LEN);
         if (name.empty()) continue;
         // With 20 entries there are at most 20 pools of at most 20 members: a slot is
         // always found before the table ends.
@@ -94,7 +89,7 @@ void kivl_partpool_generate(kivl_data *data) {
                 ++data->pools_count;
                 break;
             }
-            if (field_text(pool.name, KIVL_POOLNAME_LEN) == name) {
+            if (field_view(pool.name, KIVL_POOLNAME_LEN) == name) {
                 pool.items[pool.cnt] = static_cast<std::uint8_t>(i);
                 ++pool.cnt;
                 break;
@@ -111,7 +106,7 @@ const kivl_pool *find_pool(const kivl_data *data, const char *poolname) {
     if (data->pools_valid == 0) return nullptr;
     // Unused slots take part too: an empty name finds the first free slot.
     for (const kivl_pool &pool : data->pools)
-        if (field_text(pool.name, KIVL_POOLNAME_LEN) == poolname) return &pool;
+        if (field_view(pool.name, KIVL_POOLNAME_LEN) == poolname) return &pool;
     return nullptr;
 }
 } // namespace

@@ -10,6 +10,7 @@
 #include "front/kiv_log.hpp"
 #include "hostconfig/hostconfig.hpp"
 #include "kivl/kivl.hpp"
+#include "util/fixed_text.hpp"
 #include "util/qx.hpp"
 
 namespace {
@@ -23,10 +24,6 @@ constexpr int PIF_SLOTS = PIF_FIELDS_MAX + 1; // kivl_parse_csv keeps slot 0 for
 
 // One message for both reports: scripts look for this exact text.
 constexpr const char *PIF_REFUSED = "getpartset action: PIF could not parse or too long.\n";
-
-template <std::size_t N> int width_of(const char (&field)[N]) {
-    return static_cast<int>(strnlen(field, N));
-}
 
 bool is_set_index(int set) {
     return set >= 0 && set < static_cast<int>(KIVL_SETS);
@@ -74,7 +71,7 @@ void print_rh_field(const char *field, const zunf_release_header &rh) {
     else if (is(field, "build_num"))
         qx_printf("%i", rh.release_build_number.get());
     else if (is(field, "build_id"))
-        qx_printf("%.*s", width_of(rh.release_build_id), rh.release_build_id);
+        qx_printf("%.*s", field_width(rh.release_build_id), rh.release_build_id);
     else if (is(field, "build_time"))
         kivl_printf_time(rh.release_date.get());
 }
@@ -85,7 +82,7 @@ void print_part_field(const char *field, int pidx, const kivl_partinfo &pi,
     if (is(field, "pidx"))
         qx_printf("%i", pidx);
     else if (is(field, "pool"))
-        qx_printf("%.*s", width_of(pi.poolname), pi.poolname);
+        qx_printf("%.*s", field_width(pi.poolname), pi.poolname);
     else if (is(field, "pn"))
         qx_printf("%i", pi.pn);
     else if (is(field, "offset"))
@@ -95,9 +92,9 @@ void print_part_field(const char *field, int pidx, const kivl_partinfo &pi,
     else if (is(field, "size_dec"))
         qx_printf("%u", pi.size.get());
     else if (is(field, "mountpnt"))
-        qx_printf("%.*s", width_of(pi.mountpnt), pi.mountpnt);
+        qx_printf("%.*s", field_width(pi.mountpnt), pi.mountpnt);
     else if (is(field, "fstype"))
-        qx_printf("%.*s", width_of(pi.fstype), pi.fstype);
+        qx_printf("%.*s", field_width(pi.fstype), pi.fstype);
     else if (is(field, "len"))
         qx_printf("0x%08X", meta.hdr.body_length.get());
     else if (is(field, "len_dec"))
@@ -111,7 +108,7 @@ void print_part_field(const char *field, int pidx, const kivl_partinfo &pi,
     else if (is(field, "build_num"))
         qx_printf("%i", sw.sw_build_number.get());
     else if (is(field, "build_id"))
-        qx_printf("%.*s", width_of(sw.sw_build_id), sw.sw_build_id);
+        qx_printf("%.*s", field_width(sw.sw_build_id), sw.sw_build_id);
 }
 } // namespace
 
@@ -155,7 +152,7 @@ int kiv_getrh(kiv_options *options) {
     qx_printf("# Selected Partition Set: %i\n", set);
     qx_printf("# ver,build,build_id,build_time\n");
     qx_printf("%i.%i,%i,%.*s,", rh.release_version_major, rh.release_version_minor,
-              rh.release_build_number.get(), width_of(rh.release_build_id), rh.release_build_id);
+              rh.release_build_number.get(), field_width(rh.release_build_id), rh.release_build_id);
     kivl_printf_time(rh.release_date.get());
     qx_printf("\n");
     qx_printf("# End of list\n");
@@ -237,10 +234,10 @@ int kiv_getpartset(kiv_options *options) {
         }
         const zunf_software_header &sw = meta.sw;
         qx_printf("%i,%.*s,%i,0x%08X,0x%08X,%.*s,%.*s,0x%08X,0x%08X,%i.%i,%i,%.*s\n", ref,
-                  width_of(pi.poolname), pi.poolname, pi.pn, pi.offset.get(), pi.size.get(),
-                  width_of(pi.mountpnt), pi.mountpnt, width_of(pi.fstype), pi.fstype,
+                  field_width(pi.poolname), pi.poolname, pi.pn, pi.offset.get(), pi.size.get(),
+                  field_width(pi.mountpnt), pi.mountpnt, field_width(pi.fstype), pi.fstype,
                   meta.hdr.body_crc.get(), meta.hdr.body_length.get(), sw.sw_version_major,
-                  sw.sw_version_minor, sw.sw_build_number.get(), width_of(sw.sw_build_id),
+                  sw.sw_version_minor, sw.sw_build_number.get(), field_width(sw.sw_build_id),
                   sw.sw_build_id);
     }
     if (comments) qx_printf("# End of list\n");

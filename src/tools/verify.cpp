@@ -14,6 +14,7 @@
 #include "hostconfig/hostconfig.hpp"
 #include "kivl/kivl.hpp"
 #include "util/crc32.hpp"
+#include "util/fixed_text.hpp"
 #include "util/qx.hpp"
 #include "util/stdio_file.hpp"
 
@@ -42,21 +43,6 @@ long read_full(int fd, std::uint8_t *buf, std::size_t n) {
     }
     return static_cast<long>(got);
 }
-
-// Text of a fixed-width field for "%.*s": a record read from flash need not hold its NUL.
-template <std::size_t N> int width_of(const char (&field)[N]) {
-    return static_cast<int>(strnlen(field, N));
-}
-
-// A fixed-width field as a terminated string, for lookups by name.
-template <std::size_t N> struct terminated {
-    char text[N + 1];
-    explicit terminated(const char (&src)[N]) {
-        std::size_t n = strnlen(src, N);
-        std::memcpy(text, src, n);
-        text[n] = '\0';
-    }
-};
 
 bool is_recorded(const zunf_pinfometa &meta) {
     return meta.hdr.body_length.get() != 0 && meta.hdr.body_crc.get() != 0;
@@ -151,7 +137,7 @@ int verify_set(const kiv_options *options, const kivl_data *data, int set, int v
     QX_ASSERT(MODULE, set >= 0 && set < static_cast<int>(KIVL_SETS));
     const kivl_record &rec = data->rec;
     const kivl_set &s = rec.sets[set];
-    if (verbose) qx_printf("%s: Set %d: %.*s\n", "verify_set", set, width_of(s.name), s.name);
+    if (verbose) qx_printf("%s: Set %d: %.*s\n", "verify_set", set, field_width(s.name), s.name);
     if (s.refs[0] < 0) {
         if (verbose) qx_printf("%s:   no refs\n", "verify_set");
         return KIV_VERIFY_SET_NO_REFS;
@@ -169,9 +155,9 @@ int verify_set(const kiv_options *options, const kivl_data *data, int set, int v
             const zunf_pinfometa &meta = rec.pinfometa[ref];
             r = is_recorded(meta) ? crc32_check(data, ref, WTS_BODY) : KIV_CRC_NOT_RECORDED;
             pool = pi.poolname;
-            pool_width = width_of(pi.poolname);
+            pool_width = field_width(pi.poolname);
             name = meta.hdr.name;
-            name_width = width_of(meta.hdr.name);
+            name_width = field_width(meta.hdr.name);
         } else {
             // A reference past the partition info table names nothing that could be checked.
             r = KIV_CRC_UNREADABLE;
@@ -216,7 +202,7 @@ void list_partitions(const kiv_options *options, kivl_data *data) {
             qx_printf("Nothing installed\n");
             continue;
         }
-        qx_printf("Belongs to pool %-15.*s  ", width_of(pi.poolname), pi.poolname);
+        qx_printf("Belongs to pool %-15.*s  ", field_width(pi.poolname), pi.poolname);
         qx_printf("CRC32 content check: ");
         if (crc32_check(data, i, WTS_BODY) == KIV_CRC_OK) {
             qx_printf("OK\n");
