@@ -189,6 +189,7 @@ void list_partitions(const kiv_options *options, kivl_data *data) {
 
     int singleton_disparities = 0;
     int multi_disparities = 0;
+    int active = -1; // fetched at the first singleton disparity
     bool active_set_hit = false;
     for (int i = 0; i < static_cast<int>(KIVL_PARTINFOS); ++i) {
         qx_printf(" %2i  ", i);
@@ -222,14 +223,12 @@ void list_partitions(const kiv_options *options, kivl_data *data) {
         }
         qx_printf("DISPARITY\n");
         if (kivl_partpool_items_count(data, terminated(pi.poolname).text) == 1) {
-            ++singleton_disparities;
-            if (singleton_disparities == 1) {
-                const int active = kivl_actset_get(data);
-                // A corrupt record may name a set that does not exist; it owns nothing.
-                if (active >= 0 && active < static_cast<int>(KIVL_SETS)) {
-                    for (std::int8_t ref : rec.sets[active].refs)
-                        if (ref == i) active_set_hit = true;
-                }
+            if (++singleton_disparities == 1) active = kivl_actset_get(data);
+            // Any broken singleton of the running set makes the next boot a gamble. A
+            // corrupt record may name a set that does not exist; it owns nothing.
+            if (active >= 0 && active < static_cast<int>(KIVL_SETS)) {
+                for (std::int8_t ref : rec.sets[active].refs)
+                    if (ref == i) active_set_hit = true;
             }
         } else {
             ++multi_disparities;
