@@ -3,10 +3,11 @@
 #include "front/kiv_actions.hpp"
 #include "front/kiv_log.hpp"
 
-static int not_built()
-{
+static int not_built() {
     kiv_log(LOG_ERR, "Unknown action\n");
     return 1;
 }
 
-int kiv_install(kiv_options *) { return not_built(); }
+int kiv_install(kiv_options *) {
+    return not_built();
+}

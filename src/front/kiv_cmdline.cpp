@@ -154,8 +154,7 @@ Word scan_device(kiv_options *o, std::string_view word) {
     // so a '%' in it is doubled to stay a literal character.
     std::size_t n = 0;
     for (const char *c = path; *c != '\0'; ++c) {
-        if (*c == '%')
-            o->device[n++] = '%';
+        if (*c == '%') o->device[n++] = '%';
         o->device[n++] = *c;
     }
     std::snprintf(o->device + n, sizeof o->device - n, "%%i");

@@ -4,11 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 
-inline constexpr std::size_t KIV_PATH_LEN = 100;      // path fields: 99 characters and a NUL
-inline constexpr std::size_t KIV_PRODUCT_LEN = 16;    // 15 characters
-inline constexpr std::size_t KIV_PLATFORM_LEN = 8;    // 7 characters
+inline constexpr std::size_t KIV_PATH_LEN = 100;   // path fields: 99 characters and a NUL
+inline constexpr std::size_t KIV_PRODUCT_LEN = 16; // 15 characters
+inline constexpr std::size_t KIV_PLATFORM_LEN = 8; // 7 characters
 inline constexpr std::size_t KIV_PLUGIN_LEN = 200;
-inline constexpr std::size_t KIV_MAX_ARGS = 20;       // ACTION + 18 arguments + null entry
+inline constexpr std::size_t KIV_MAX_ARGS = 20; // ACTION + 18 arguments + null entry
 inline constexpr std::uint32_t KIV_DEFAULT_ZUNFSIZE = 16777216;
 
 struct kiv_options {

@@ -72,7 +72,6 @@ int parse_refs(const char *text, std::int8_t (&refs)[KIVL_REFS]) {
     return static_cast<int>(count);
 }
 
-
 } // namespace
 
 int kiv_initialize(kiv_options *options, kivl_data *data, hostconfig *hc) {

@@ -10,12 +10,12 @@ inline constexpr std::uint32_t HOSTCONFIG_MAX_SIZE = 5120;
 inline constexpr std::size_t HOSTCONFIG_MAX_PARTS = 20;
 
 struct hostconfig {
-    std::uint8_t image[HOSTCONFIG_MAX_SIZE];  // the image exactly as stored
-    zunf_image_header *hdr;                   // image + 8 once initialised
+    std::uint8_t image[HOSTCONFIG_MAX_SIZE]; // the image exactly as stored
+    zunf_image_header *hdr;                  // image + 8 once initialised
     zunf_content_header *parts[HOSTCONFIG_MAX_PARTS];
     std::uint32_t capacity;
     std::int32_t count;
-    std::uint32_t used;                       // bytes in use when building; starts at 24
+    std::uint32_t used; // bytes in use when building; starts at 24
 };
 
 // Clears the handle. Returns 1, or 0 (handle left cleared) when capacity > 5120 or < 24.

@@ -13,7 +13,7 @@ inline constexpr std::size_t KIVL_SETS = 3;
 inline constexpr std::size_t KIVL_PARTINFOS = 20;
 inline constexpr std::size_t KIVL_REFS = 20;
 inline constexpr std::size_t KIVL_POOLS = 20;
-inline constexpr std::size_t KIVL_SET_NAME_LEN = 15;     // 14 characters and a NUL
+inline constexpr std::size_t KIVL_SET_NAME_LEN = 15; // 14 characters and a NUL
 inline constexpr std::size_t KIVL_POOLNAME_LEN = 16;
 inline constexpr std::size_t KIVL_MOUNTPNT_LEN = 32;
 inline constexpr std::size_t KIVL_FSTYPE_LEN = 10;
@@ -24,14 +24,14 @@ inline constexpr const char *KIVL_SAFESET_NAME = "SAFESET";
 struct kivl_set {
     std::uint8_t bootable;
     char name[KIVL_SET_NAME_LEN];
-    std::int8_t refs[KIVL_REFS];            // partinfo indices; the first -1 ends the list
+    std::int8_t refs[KIVL_REFS]; // partinfo indices; the first -1 ends the list
 };
 static_assert(sizeof(kivl_set) == 36);
 static_assert(offsetof(kivl_set, name) == 1 && offsetof(kivl_set, refs) == 16);
 
 struct kivl_partinfo {
-    char poolname[KIVL_POOLNAME_LEN];       // empty: entry unused
-    std::uint8_t pn;                        // partition number given to the device pattern
+    char poolname[KIVL_POOLNAME_LEN]; // empty: entry unused
+    std::uint8_t pn;                  // partition number given to the device pattern
     std::uint8_t pad0[3];
     le32 offset;
     le32 size;
@@ -66,9 +66,9 @@ struct kivl_pool {
 };
 
 struct kivl_data {
-    const char *device;                     // partition device pattern, e.g. "/dev/mtd%i"
-    kivl_record rec;                        // persisted
-    kivl_pool pools[KIVL_POOLS];            // derived by kivl_partpool_generate
+    const char *device;          // partition device pattern, e.g. "/dev/mtd%i"
+    kivl_record rec;             // persisted
+    kivl_pool pools[KIVL_POOLS]; // derived by kivl_partpool_generate
     std::uint32_t pools_count;
     std::uint32_t pools_valid;
 };

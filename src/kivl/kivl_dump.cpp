@@ -78,8 +78,8 @@ int print_partitions_content(const kivl_data *data) {
         if (field_empty(pi.poolname)) continue;
         const zunf_content_header &meta = rec.pinfometa[i].hdr;
         r = qx_printf(" %2i  %-15s  %-16s  0x%-8X  0x%-8X\n", static_cast<int>(i),
-                      terminated(pi.poolname).text, terminated(meta.name).text, meta.body_length.get(),
-                      meta.body_crc.get());
+                      terminated(pi.poolname).text, terminated(meta.name).text,
+                      meta.body_length.get(), meta.body_crc.get());
     }
     return r;
 }
@@ -90,7 +90,8 @@ int print_pools(const kivl_data *data) {
     for (std::size_t p = 0; p < KIVL_POOLS; ++p) {
         const kivl_pool &pool = data->pools[p];
         if (field_empty(pool.name)) continue;
-        qx_printf(" %2i  %-15s  %-2i     ", static_cast<int>(p), terminated(pool.name).text, pool.cnt);
+        qx_printf(" %2i  %-15s  %-2i     ", static_cast<int>(p), terminated(pool.name).text,
+                  pool.cnt);
         r = qx_printf(pool.cnt == 1 ? "singleton\n" : "multi\n");
     }
     return r;

@@ -64,7 +64,6 @@ std::optional<std::uint32_t> scan_u32(const char *word, int base) {
     return static_cast<std::uint32_t>(v);
 }
 
-
 // The value after prefix, when word starts with it and something follows.
 const char *after(const char *word, std::string_view prefix) {
     std::string_view w(word);

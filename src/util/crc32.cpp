@@ -21,12 +21,11 @@ namespace {
 
 // Slicing-by-8: eight table lookups per 8 bytes instead of a dependent chain of eight.
 // Bytes are assembled explicitly, so the result does not depend on host byte order.
-std::uint32_t crc_slice8(std::uint32_t c, const std::uint8_t *p, std::size_t len)
-{
+std::uint32_t crc_slice8(std::uint32_t c, const std::uint8_t *p, std::size_t len) {
     while (len >= 8) {
-        std::uint32_t lo = c ^ (static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-                                static_cast<std::uint32_t>(p[2]) << 16 |
-                                static_cast<std::uint32_t>(p[3]) << 24);
+        std::uint32_t lo =
+            c ^ (static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
+                 static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24);
         c = tables[7][lo & 0xFFu] ^ tables[6][(lo >> 8) & 0xFFu] ^ tables[5][(lo >> 16) & 0xFFu] ^
             tables[4][lo >> 24] ^ tables[3][p[4]] ^ tables[2][p[5]] ^ tables[1][p[6]] ^
             tables[0][p[7]];
@@ -50,21 +49,18 @@ std::uint32_t crc_slice8(std::uint32_t c, const std::uint8_t *p, std::size_t len
 constexpr std::uint64_t POLY_NORMAL = 0x104C11DB7u; // x^32 + ... + 1, bit 32 set
 
 // x^n mod P, in normal bit order.
-constexpr std::uint64_t xpow_mod_p(unsigned n)
-{
+constexpr std::uint64_t xpow_mod_p(unsigned n) {
     std::uint64_t r = 1;
     for (unsigned i = 0; i < n; ++i) {
         r <<= 1;
-        if (r & (std::uint64_t{1} << 32))
-            r ^= POLY_NORMAL;
+        if (r & (std::uint64_t{1} << 32)) r ^= POLY_NORMAL;
     }
     return r;
 }
 
 // The quotient floor(x^64 / P), 33 bits, in normal bit order. The first step of the long
 // division (bit 64) is taken by hand, so the remainder fits 64 bits from then on.
-constexpr std::uint64_t x64_div_p()
-{
+constexpr std::uint64_t x64_div_p() {
     std::uint64_t q = std::uint64_t{1} << 32;
     std::uint64_t r = (POLY_NORMAL << 32); // x^64 - x^32 * P: bit 64 cancels out
     for (int i = 63; i >= 32; --i) {
@@ -76,20 +72,17 @@ constexpr std::uint64_t x64_div_p()
     return q;
 }
 
-constexpr std::uint64_t reflect(std::uint64_t v, unsigned bits)
-{
+constexpr std::uint64_t reflect(std::uint64_t v, unsigned bits) {
     std::uint64_t r = 0;
     for (unsigned i = 0; i < bits; ++i)
-        if (v & (std::uint64_t{1} << i))
-            r |= std::uint64_t{1} << (bits - 1 - i);
+        if (v & (std::uint64_t{1} << i)) r |= std::uint64_t{1} << (bits - 1 - i);
     return r;
 }
 
 // Folding a 128-bit lane forward over `distance` bits multiplies its halves by
 // x^(distance+32) and x^(distance-32) mod P; reflected, each constant gains one shift
 // because the carry-less product of two reflected values comes out one bit short.
-constexpr std::uint64_t fold_constant(unsigned exponent)
-{
+constexpr std::uint64_t fold_constant(unsigned exponent) {
     return reflect(xpow_mod_p(exponent), 32) << 1;
 }
 
@@ -109,33 +102,28 @@ static_assert(K3 == 0x1751997D0u && K4 == 0x0CCAA009Eu);
 static_assert(K5 == 0x163CD6124u);
 static_assert(POLY_REFLECTED == 0x1DB710641u && MU_REFLECTED == 0x1F7011641u);
 
-constexpr std::size_t FOLD_BLOCK = 64;     // four lanes
+constexpr std::size_t FOLD_BLOCK = 64; // four lanes
 constexpr std::size_t LANE_BYTES = 16;
 constexpr std::size_t FOLD_MIN_LEN = FOLD_BLOCK;
 
-__attribute__((target("pclmul,sse2"))) inline __m128i load(const std::uint8_t *p)
-{
+__attribute__((target("pclmul,sse2"))) inline __m128i load(const std::uint8_t *p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
 }
 
-__attribute__((target("pclmul,sse2"))) inline __m128i set(std::uint64_t lo, std::uint64_t hi)
-{
+__attribute__((target("pclmul,sse2"))) inline __m128i set(std::uint64_t lo, std::uint64_t hi) {
     return _mm_set_epi64x(static_cast<long long>(hi), static_cast<long long>(lo));
 }
 
 // One fold step: lane * (kl, kh) carried forward, plus the data it lands on.
-__attribute__((target("pclmul,sse2"))) inline __m128i fold(__m128i lane, __m128i k, __m128i data)
-{
+__attribute__((target("pclmul,sse2"))) inline __m128i fold(__m128i lane, __m128i k, __m128i data) {
     __m128i lo = _mm_clmulepi64_si128(lane, k, 0x00);
     __m128i hi = _mm_clmulepi64_si128(lane, k, 0x11);
     return _mm_xor_si128(_mm_xor_si128(lo, hi), data);
 }
 
 // len is at least 64 and a multiple of 16.
-__attribute__((target("pclmul,sse2"))) std::uint32_t crc_fold_pclmul(std::uint32_t c,
-                                                                     const std::uint8_t *p,
-                                                                     std::size_t len)
-{
+__attribute__((target("pclmul,sse2"))) std::uint32_t
+crc_fold_pclmul(std::uint32_t c, const std::uint8_t *p, std::size_t len) {
     __m128i x1 = _mm_xor_si128(load(p), _mm_cvtsi32_si128(static_cast<int>(c)));
     __m128i x2 = load(p + 16);
     __m128i x3 = load(p + 32);
@@ -178,8 +166,7 @@ __attribute__((target("pclmul,sse2"))) std::uint32_t crc_fold_pclmul(std::uint32
     return static_cast<std::uint32_t>(_mm_cvtsi128_si32(_mm_srli_si128(x1, 4)));
 }
 
-bool have_pclmul()
-{
+bool have_pclmul() {
     // CPUID leaf 1, ECX bit 1: PCLMULQDQ. Read directly, so that the binary does not carry
     // the compiler runtime's CPU model tables for a single flag.
     static const bool yes = [] {
@@ -196,8 +183,7 @@ bool have_pclmul()
 constexpr std::size_t ARM_CRC_MIN_LEN = 16;
 
 __attribute__((target("arch=armv8-a+crc+simd"))) std::uint32_t
-crc_arm(std::uint32_t c, const std::uint8_t *p, std::size_t len)
-{
+crc_arm(std::uint32_t c, const std::uint8_t *p, std::size_t len) {
     while (len >= 8) {
         std::uint32_t a = static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
                           static_cast<std::uint32_t>(p[2]) << 16 |
@@ -214,8 +200,7 @@ crc_arm(std::uint32_t c, const std::uint8_t *p, std::size_t len)
     return c;
 }
 
-bool have_arm_crc()
-{
+bool have_arm_crc() {
     static const bool yes = (getauxval(AT_HWCAP2) & HWCAP2_CRC32) != 0;
     return yes;
 }
@@ -224,10 +209,8 @@ bool have_arm_crc()
 
 } // namespace
 
-std::uint32_t crc32_calc_bytewise(std::uint32_t crc, const void *buf, std::uint32_t len)
-{
-    if (len == 0)
-        return crc;
+std::uint32_t crc32_calc_bytewise(std::uint32_t crc, const void *buf, std::uint32_t len) {
+    if (len == 0) return crc;
     const auto *p = static_cast<const std::uint8_t *>(buf);
     std::uint32_t c = ~crc;
     while (len--)
@@ -235,10 +218,8 @@ std::uint32_t crc32_calc_bytewise(std::uint32_t crc, const void *buf, std::uint3
     return ~c;
 }
 
-std::uint32_t crc32_calc(std::uint32_t crc, const void *buf, std::uint32_t len)
-{
-    if (len == 0)
-        return crc;
+std::uint32_t crc32_calc(std::uint32_t crc, const void *buf, std::uint32_t len) {
+    if (len == 0) return crc;
     const auto *p = static_cast<const std::uint8_t *>(buf);
     std::size_t n = len;
     std::uint32_t c = ~crc;
@@ -250,8 +231,7 @@ std::uint32_t crc32_calc(std::uint32_t crc, const void *buf, std::uint32_t len)
         n -= bulk;
     }
 #elif defined(__arm__)
-    if (n >= ARM_CRC_MIN_LEN && have_arm_crc())
-        return ~crc_arm(c, p, n);
+    if (n >= ARM_CRC_MIN_LEN && have_arm_crc()) return ~crc_arm(c, p, n);
 #endif
     return ~crc_slice8(c, p, n);
 }

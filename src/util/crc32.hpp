@@ -7,8 +7,7 @@
 namespace crc32_detail {
 constexpr std::uint32_t poly = 0xEDB88320u;
 
-constexpr std::array<std::array<std::uint32_t, 256>, 8> make_tables()
-{
+constexpr std::array<std::array<std::uint32_t, 256>, 8> make_tables() {
     std::array<std::array<std::uint32_t, 256>, 8> t{};
     for (std::uint32_t i = 0; i < 256; ++i) {
         std::uint32_t c = i;

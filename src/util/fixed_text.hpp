@@ -7,14 +7,12 @@
 #include <string_view>
 
 // The text of a fixed-width field, up to its first NUL.
-inline std::string_view field_view(const char *field, std::size_t width)
-{
+inline std::string_view field_view(const char *field, std::size_t width) {
     return std::string_view(field, strnlen(field, width));
 }
 
 // Precision for printing a fixed-width field with "%.*s".
-template <std::size_t N> int field_width(const char (&field)[N])
-{
+template <std::size_t N> int field_width(const char (&field)[N]) {
     return static_cast<int>(strnlen(field, N));
 }
 
@@ -22,8 +20,7 @@ template <std::size_t N> int field_width(const char (&field)[N])
 // functions that take C strings.
 template <std::size_t N> struct terminated {
     char text[N + 1];
-    explicit terminated(const char (&src)[N])
-    {
+    explicit terminated(const char (&src)[N]) {
         std::size_t n = strnlen(src, N);
         std::memcpy(text, src, n);
         text[n] = '\0';

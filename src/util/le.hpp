@@ -14,21 +14,18 @@ template <typename T> struct le_field {
     static_assert(std::is_unsigned_v<T>, "persisted integers are unsigned fields");
     std::uint8_t bytes[sizeof(T)];
 
-    constexpr T get() const
-    {
+    constexpr T get() const {
         T v = 0;
         for (std::size_t i = 0; i < sizeof(T); ++i)
             v = static_cast<T>(v | static_cast<T>(static_cast<T>(bytes[i]) << (8 * i)));
         return v;
     }
-    constexpr void set(T v)
-    {
+    constexpr void set(T v) {
         for (std::size_t i = 0; i < sizeof(T); ++i)
             bytes[i] = static_cast<std::uint8_t>(v >> (8 * i));
     }
     constexpr operator T() const { return get(); }
-    constexpr le_field &operator=(T v)
-    {
+    constexpr le_field &operator=(T v) {
         set(v);
         return *this;
     }

@@ -34,6 +34,5 @@ unsigned qx_strlcpy(char *dst, const char *src, std::size_t size);
 // Internal precondition check; `module` names the source module in the panic text.
 #define QX_ASSERT(module, cond)                                                                    \
     do {                                                                                           \
-        if (!(cond))                                                                               \
-            qx_panic("*** ASSERT in %s at %d\n", module, __LINE__);                                \
+        if (!(cond)) qx_panic("*** ASSERT in %s at %d\n", module, __LINE__);                       \
     } while (0)

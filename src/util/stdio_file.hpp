@@ -8,10 +8,8 @@
 class StdioFile {
   public:
     StdioFile(const char *path, const char *mode) : f_(std::fopen(path, mode)) {}
-    ~StdioFile()
-    {
-        if (f_)
-            std::fclose(f_);
+    ~StdioFile() {
+        if (f_) std::fclose(f_);
     }
     StdioFile(const StdioFile &) = delete;
     StdioFile &operator=(const StdioFile &) = delete;
@@ -19,8 +17,7 @@ class StdioFile {
     explicit operator bool() const { return f_ != nullptr; }
     std::FILE *get() const { return f_; }
     // Closes now and reports the result; a failed close fails the whole operation.
-    int close()
-    {
+    int close() {
         int r = f_ ? std::fclose(f_) : -1;
         f_ = nullptr;
         return r;
@@ -38,8 +35,7 @@ class Fd {
     Fd(const Fd &) = delete;
     Fd &operator=(const Fd &) = delete;
     Fd(Fd &&o) noexcept : fd_(o.release()) {}
-    Fd &operator=(Fd &&o) noexcept
-    {
+    Fd &operator=(Fd &&o) noexcept {
         if (this != &o) {
             reset();
             fd_ = o.release();
@@ -49,17 +45,14 @@ class Fd {
 
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
-    int release()
-    {
+    int release() {
         int fd = fd_;
         fd_ = -1;
         return fd;
     }
-    int reset()
-    {
+    int reset() {
         int r = 0;
-        if (fd_ >= 0)
-            r = ::close(fd_);
+        if (fd_ >= 0) r = ::close(fd_);
         fd_ = -1;
         return r;
     }

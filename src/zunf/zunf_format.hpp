@@ -13,10 +13,10 @@
 inline constexpr char ZUNF_MAGIC[8] = {'F', 'N', 'U', 'Z', 'Z', 'U', 'N', 'F'};
 inline constexpr std::size_t ZUNF_MAGIC_LEN = 8;
 inline constexpr std::uint8_t ZUNF_VERSION = 1;
-inline constexpr std::uint16_t ZUNF_IMAGE_HDR_LEN = 16;   // as written, counted from offset 8
+inline constexpr std::uint16_t ZUNF_IMAGE_HDR_LEN = 16; // as written, counted from offset 8
 inline constexpr std::uint32_t ZUNF_FIRST_PART_OFFSET = 24;
 inline constexpr std::uint16_t ZUNF_CONTENT_HDR_LEN = 32;
-inline constexpr std::size_t ZUNF_NAME_LEN = 16;           // 15 characters and a NUL
+inline constexpr std::size_t ZUNF_NAME_LEN = 16; // 15 characters and a NUL
 inline constexpr std::size_t ZUNF_MAX_PARTS = 20;
 
 enum : std::uint16_t {
@@ -27,11 +27,11 @@ enum : std::uint16_t {
 
 // Image header, at image offset 8 (right behind the magic).
 struct zunf_image_header {
-    le32 hdr_crc;               // CRC of this header from its byte 4 to hdr_length
+    le32 hdr_crc; // CRC of this header from its byte 4 to hdr_length
     std::uint8_t version;
     std::uint8_t reserved;
-    le16 hdr_length;            // counted from image offset 8
-    le32 body_length;           // bytes after the header: all parts with padding
+    le16 hdr_length;  // counted from image offset 8
+    le32 body_length; // bytes after the header: all parts with padding
     le32 body_crc;
 };
 static_assert(sizeof(zunf_image_header) == 16);
@@ -42,10 +42,10 @@ static_assert(offsetof(zunf_image_header, body_crc) == 12);
 
 // Common header of every content part.
 struct zunf_content_header {
-    le32 hdr_crc;               // CRC of part bytes 4 .. hdr_length-1
+    le32 hdr_crc; // CRC of part bytes 4 .. hdr_length-1
     le16 type_id;
-    le16 hdr_length;            // includes any type-specific header
-    le32 body_length;           // without padding
+    le16 hdr_length;  // includes any type-specific header
+    le32 body_length; // without padding
     char name[ZUNF_NAME_LEN];
     le32 body_crc;
 };
@@ -62,7 +62,7 @@ struct zunf_release_header {
     std::uint8_t release_version_major;
     std::uint8_t release_version_minor;
     le16 release_build_number;
-    le32 release_date;          // seconds since 1970-01-01 UTC
+    le32 release_date; // seconds since 1970-01-01 UTC
     char release_build_id[36];
 };
 static_assert(sizeof(zunf_release_header) == 44);
@@ -90,17 +90,15 @@ struct zunf_pinfometa {
 static_assert(sizeof(zunf_pinfometa) == 64);
 static_assert(offsetof(zunf_pinfometa, sw) == 32);
 
-inline constexpr std::uint16_t ZUNF_RELEASE_PART_HDR_LEN = 32 + sizeof(zunf_release_header); // 76
+inline constexpr std::uint16_t ZUNF_RELEASE_PART_HDR_LEN = 32 + sizeof(zunf_release_header);   // 76
 inline constexpr std::uint16_t ZUNF_SOFTWARE_PART_HDR_LEN = 32 + sizeof(zunf_software_header); // 64
 static_assert(ZUNF_RELEASE_PART_HDR_LEN == 76 && ZUNF_SOFTWARE_PART_HDR_LEN == 64);
 
 // Rounds a body length up to the 4-byte part alignment.
-constexpr std::uint32_t zunf_pad4(std::uint32_t n)
-{
+constexpr std::uint32_t zunf_pad4(std::uint32_t n) {
     return (n + 3u) & ~3u;
 }
 
-inline const std::uint8_t *zunf_bytes(const void *p)
-{
+inline const std::uint8_t *zunf_bytes(const void *p) {
     return static_cast<const std::uint8_t *>(p);
 }
