@@ -11,8 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
@@ -27,16 +25,24 @@ namespace {
     std::exit(98);
 }
 
+pid_t spawn(std::vector<std::string> args) {
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    std::vector<char *> av;
+    for (auto &a : args)
+        av.push_back(a.data());
+    av.push_back(nullptr);
+    execvp(av[0], av.data());
+    _exit(127);
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
-    int sep = 0;
-    for (int i = 1; i < argc; ++i)
-        if (std::strcmp(argv[i], "--") == 0) {
-            sep = i;
-            break;
-        }
-    if (argc < 6 || sep < 4 || sep == argc - 1) {
+    int sep = 4;
+    while (sep < argc && std::strcmp(argv[sep], "--") != 0)
+        ++sep;
+    if (sep >= argc - 1) {
         std::fprintf(stderr,
                      "usage: sim_flashsim_probe FLASHSIM IMAGES EVENTS [OPT]... -- CMD...\n");
         return 2;
@@ -50,26 +56,11 @@ int main(int argc, char **argv) {
 
     int ready[2];
     if (pipe(ready) != 0) die("pipe");
-    pid_t sim = fork();
-    if (sim == 0) {
-        close(ready[0]);
-        std::vector<std::string> args{argv[1],
-                                      "--images",
-                                      argv[2],
-                                      "--events",
-                                      argv[3],
-                                      "--ready-fd",
-                                      std::to_string(ready[1])};
-        for (int i = 4; i < sep; ++i)
-            args.emplace_back(argv[i]);
-        args.emplace_back(mnt);
-        std::vector<char *> av;
-        for (auto &a : args)
-            av.push_back(a.data());
-        av.push_back(nullptr);
-        execv(av[0], av.data());
-        _exit(97);
-    }
+    std::vector<std::string> sim_args{
+        argv[1], "--images", argv[2], "--events", argv[3], "--ready-fd", std::to_string(ready[1])};
+    sim_args.insert(sim_args.end(), argv + 4, argv + sep);
+    sim_args.emplace_back(mnt);
+    pid_t sim = spawn(sim_args);
     close(ready[1]);
     char c;
     if (read(ready[0], &c, 1) != 1) {
@@ -79,26 +70,13 @@ int main(int argc, char **argv) {
         return 96;
     }
 
-    pid_t cmd = fork();
-    if (cmd == 0) {
-        std::vector<std::string> args;
-        for (int i = sep + 1; i < argc; ++i) {
-            std::string a = argv[i];
-            for (std::size_t p; (p = a.find("@MNT@")) != std::string::npos;)
-                a.replace(p, 5, mnt);
-            args.push_back(a);
-        }
-        std::vector<char *> av;
-        for (auto &a : args)
-            av.push_back(a.data());
-        av.push_back(nullptr);
-        execvp(av[0], av.data());
-        _exit(127);
-    }
-    int st = 0;
-    waitpid(cmd, &st, 0);
+    std::vector<std::string> cmd_args(argv + sep + 1, argv + argc);
+    for (auto &a : cmd_args)
+        for (std::size_t p; (p = a.find("@MNT@")) != std::string::npos;)
+            a.replace(p, 5, mnt);
+    int st = 0, sim_st = 0;
+    waitpid(spawn(cmd_args), &st, 0);
     kill(sim, SIGTERM);
-    int sim_st = 0;
     waitpid(sim, &sim_st, 0);
     rmdir(mnt);
     if (!WIFEXITED(sim_st) || WEXITSTATUS(sim_st) != 0) return 99;

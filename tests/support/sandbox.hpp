@@ -1,15 +1,14 @@
 // Test support for end-to-end tests: runs programs on a simulated device
-// (kiv-sandbox + kiv-flashsim) or plainly on the host, with bounded time.
+// (kiv-sandbox + kiv-flashsim), or plainly on the host, with bounded time.
 //
 //   kiv::test::Device dev;                       // fresh flash, default layout
-//   auto r = dev.run({kiv::test::kiv_bin(), "--help"});
+//   auto r = dev.run_kiv({"help"});
 //   EXPECT_EQ(r.exit, 0) << r.describe();
-//   EXPECT_TRUE(r.logged("Unknown action"));
 //   auto img = dev.flash(5);                     // what mtd5 holds now
 //
-// A Device's run directory persists across its runs, so a second run
-// "reboots" on the flash the first one left.  It is removed when the Device
-// is destroyed (set KIV_TEST_KEEP=1 to keep it for inspection).
+// A Device's flash persists across its runs, so a second run "reboots" on what
+// the first one left.  Its directory is removed with the Device (set
+// KIV_TEST_KEEP=1 to keep it for inspection).
 #pragma once
 
 #include <chrono>
@@ -23,13 +22,13 @@
 
 namespace kiv::test {
 
-// Paths of the built programs ("" when the target is not part of the build).
-const std::string &kiv_bin();      // the product, target kiv
-const std::string &sandbox_bin();  // kiv-sandbox
-const std::string &flashsim_bin(); // kiv-flashsim
-const std::string &mkzunf_bin();   // tools/mkzunf
-const std::string &source_dir();   // top of the source tree
-const std::string &binary_dir();   // top of the build tree
+// Paths of the built programs and of the source and build trees.
+const std::string &kiv_bin();
+const std::string &sandbox_bin();
+const std::string &flashsim_bin();
+const std::string &mkzunf_bin();
+const std::string &source_dir();
+const std::string &binary_dir();
 
 // One message the command sent to /dev/log.
 struct SyslogLine {
@@ -50,12 +49,9 @@ struct ProcessResult {
     std::string describe() const; // everything, for assertion messages
 };
 
-struct SandboxResult {
-    int exit = -1; // COMMAND's status; 137 after a power cut, 124 on timeout
-    std::string out, err;
-    std::vector<SyslogLine> syslog;  // messages of this run only
-    std::vector<std::string> events; // flash event lines of this run only
-    bool timed_out = false;          // the helper had to kill the sandbox
+struct SandboxResult : ProcessResult { // exit: 137 after a power cut, 124 on timeout
+    std::vector<SyslogLine> syslog;    // messages of this run only
+    std::vector<std::string> events;   // flash event lines of this run only
 
     // True if some syslog message of this run contains needle.
     bool logged(std::string_view needle) const;
@@ -64,38 +60,23 @@ struct SandboxResult {
     std::string describe() const;
 };
 
-struct ProcessOptions {
-    std::chrono::milliseconds timeout{30000};
-    std::string input;            // standard input; empty: /dev/null
-    std::vector<std::string> env; // "NAME=VALUE" added to the environment
-    std::string cwd;              // working directory; empty: unchanged
-    // Standard output on a pseudo terminal (80x24, no "\n" -> "\r\n"
-    // translation); standard error stays a pipe.
-    bool stdout_tty = false;
-};
-
-// Runs argv[0] (searched in PATH) outside any sandbox.
+// Runs argv[0] (searched in PATH) outside any sandbox, standard input /dev/null.
 ProcessResult run_process(const std::vector<std::string> &argv,
                           std::chrono::milliseconds timeout = std::chrono::seconds(30));
-ProcessResult run_process(const std::vector<std::string> &argv, const ProcessOptions &options);
 
 struct DeviceOptions {
     std::string layout;                         // layout text; empty: the default layout
-    std::optional<std::string> cmdline;         // /proc/cmdline (without newline)
     std::optional<std::string> hostcfg_default; // content of /mnt/appl/hostcfg.default
-    std::vector<std::string> faults;            // fault specs for every run
 };
 
 struct RunOptions {
-    std::vector<std::string> faults;            // in addition to DeviceOptions::faults
-    std::optional<std::string> cmdline;         // overrides DeviceOptions::cmdline
-    std::optional<std::string> hostcfg_default; // overrides DeviceOptions::hostcfg_default
-    std::string input;                          // standard input of the command
-    std::vector<std::string> env;               // "NAME=VALUE" added to its environment
-    std::vector<std::string> keep;              // more paths to keep reachable
-    std::string cwd;                            // working directory; empty: unchanged
-    std::chrono::milliseconds timeout{30000};   // the sandbox's --timeout
-    bool stdout_tty = false;                    // as in ProcessOptions
+    std::vector<std::string> faults;          // fault specs of this run
+    std::optional<std::string> cmdline;       // /proc/cmdline (without newline)
+    std::vector<std::string> env;             // "NAME=VALUE" added to the environment
+    std::vector<std::string> keep;            // more paths to keep reachable
+    std::string cwd;                          // working directory; empty: unchanged
+    std::chrono::milliseconds timeout{30000}; // the sandbox's --timeout
+    bool stdout_tty = false; // standard output on a terminal; standard error stays a pipe
 };
 
 class Device {
@@ -115,34 +96,22 @@ class Device {
     void set_flash(int mtd, std::span<const std::uint8_t> bytes, std::size_t offset = 0);
     void set_flash(int mtd, std::string_view bytes, std::size_t offset = 0);
     void erase_flash(int mtd); // all 0xFF
-    std::uint64_t flash_size(int mtd) const;
-    std::uint32_t erase_size(int mtd) const;
-    std::string image_path(int mtd) const;
 
-    const std::string &dir() const { return rundir_; } // RUNDIR
-    // A scratch file next to RUNDIR, reachable at the same path inside the
-    // sandbox; returns its path.
+    // RUNDIR: flash images, "events" and "syslog" of all runs.
+    const std::string &dir() const { return rundir_; }
+    // A scratch file, reachable at the same path inside the sandbox.
     std::string write_file(std::string_view name, std::string_view content) const;
     std::string scratch_path(std::string_view name) const;
 
-    // Everything logged over all runs so far.
-    std::vector<SyslogLine> all_syslog() const;
-    std::vector<std::string> all_events() const;
-
-    DeviceOptions &options() { return options_; }
-
   private:
+    std::string image_path(int mtd) const;
+
     DeviceOptions options_;
     std::string base_;   // temporary directory owning everything
     std::string rundir_; // base_/run
-    std::vector<std::pair<int, std::pair<std::uint64_t, std::uint32_t>>> geometry_;
 };
 
-// Parses RUNDIR/syslog text ("F.S<TAB>IDENT<TAB>TEXT" lines).
-std::vector<SyslogLine> parse_syslog(std::string_view text);
-std::string unescape_syslog_text(std::string_view text);
-
-// Small helpers for tests.
+// Reads a whole file; throws when it cannot.
 std::string read_text_file(const std::string &path);
 std::vector<std::uint8_t> bytes_of(std::string_view text);
 
