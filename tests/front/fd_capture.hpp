@@ -1,5 +1,5 @@
 // Captures what the code under test writes to a file descriptor (1 or 2) by pointing the
-// descriptor at a temporary file for the lifetime of the object.
+// descriptor at an unlinked temporary file for the lifetime of the object.
 #pragma once
 
 #include <cstdio>
@@ -11,7 +11,7 @@ class FdCapture {
   public:
     explicit FdCapture(int fd) : fd_(fd) {
         flush();
-        char path[] = "/tmp/kiv_front_capture_XXXXXX";
+        char path[] = "/tmp/kiv_capture_XXXXXX";
         file_ = ::mkstemp(path);
         ::unlink(path);
         saved_ = ::dup(fd_);
@@ -19,21 +19,23 @@ class FdCapture {
     }
     ~FdCapture() {
         restore();
-        if (file_ >= 0) ::close(file_);
+        ::close(file_);
     }
     FdCapture(const FdCapture &) = delete;
     FdCapture &operator=(const FdCapture &) = delete;
 
+    // What reached the descriptor so far, without flushing the stdio buffer first.
+    std::string peek() const {
+        std::string out;
+        char buf[4096];
+        for (ssize_t n; (n = ::pread(file_, buf, sizeof buf, static_cast<off_t>(out.size()))) > 0;)
+            out.append(buf, static_cast<std::size_t>(n));
+        return out;
+    }
     // Puts the descriptor back and returns everything written to it meanwhile.
     std::string text() {
         restore();
-        std::string out;
-        char buf[4096];
-        ::lseek(file_, 0, SEEK_SET);
-        ssize_t n;
-        while ((n = ::read(file_, buf, sizeof buf)) > 0)
-            out.append(buf, static_cast<std::size_t>(n));
-        return out;
+        return peek();
     }
 
   private:

@@ -1,25 +1,8 @@
-// Fault injection for the process guard's end-to-end tests, loaded with LD_PRELOAD into
-// the real kiv. It interposes the C library calls of the guard and, as the environment
-// variable KIV_GUARD_FAULT says, makes one of them misbehave:
-//
-//   abort          the child aborts right after taking the lock (as a failed assertion)
-//   kill           the child kills itself with SIGKILL right after taking the lock
-//   signals        SIGHUP to the process just before the fork; after taking the lock the
-//                  child sends SIGTERM and SIGUSR1 to its parent and SIGINT and SIGUSR2 to
-//                  itself, then goes on
-//   unlink         the child removes its lock file right after taking the lock
-//   fork           fork fails
-//   wait           wait reaps the child but reports a failure
-//   wait_stopped   wait reports a stopped child
-//   wait_sig65     wait reports a child ended by signal 65
-//   getpgrp        getpgrp fails
-//   setpgid        setpgid fails
-//   same_group     setpgid pretends to succeed but changes nothing
-//   sigaction      installing a handler for SIGUSR1 fails
-//   install_hook   the install hook called after a failed hostconfig load returns -1, so
-//                  that the install action (and with it the child) ends with -1
-//
-// Without the variable every call goes straight to the C library.
+// Fault injection for the process guard's end-to-end tests, preloaded into the real kiv.
+// KIV_GUARD_FAULT names the one C library call that misbehaves (see each function); without
+// it every call goes straight to the C library. After taking the lock the child may abort,
+// kill itself with SIGKILL, remove its lock file, or ("signals") send SIGTERM and SIGUSR1 to
+// its parent and SIGINT and SIGUSR2 to itself, after a SIGHUP at the fork.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -77,6 +60,7 @@ pid_t fork() {
         errno = EAGAIN;
         return -1;
     }
+    // Signals are blocked around the fork: this one waits until the parent knows its role.
     if (fault_is("signals")) ::kill(::getpid(), SIGHUP);
     return real<pid_t (*)()>("fork")();
 }

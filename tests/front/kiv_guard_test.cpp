@@ -1,8 +1,8 @@
-// The process guard's pieces: how a child's end becomes the exit code, the signal note, the
-// signal set-up, the child's process group, and the lock file.
+// The process guard's pieces where the real command cannot reach them: every way a child can
+// end, the signal set-up, the child's process group, and the lock file itself. The guard's
+// messages and exit codes on the real command are in kiv_front_e2e_test.
 #include "front/kiv_guard.hpp"
 
-#include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
@@ -21,77 +21,42 @@ namespace {
 
 TEST(KivGuard, ChildEndBecomesTheExitCode) {
     struct Row {
-        const char *name;
         int status;
         int code;
         const char *message;
     };
     const Row rows[] = {
-        {"success", W_EXITCODE(0, 0), 0, ""},
-        {"action failure", W_EXITCODE(1, 0), 1, ""},
-        {"action result -1", W_EXITCODE(255, 0), 255, ""},
-        {"install code", W_EXITCODE(14, 0), 14, ""},
-        {"signal 1", W_EXITCODE(0, SIGHUP), 64, "child terminated by signal #1\n"},
-        {"assertion", W_EXITCODE(0, SIGABRT), 69, "child terminated by signal #6\n"},
-        {"assertion with core", W_EXITCODE(0, SIGABRT) | WCOREFLAG, 69,
-         "child terminated by signal #6\n"},
-        {"killed", W_EXITCODE(0, SIGKILL), 72, "child terminated by signal #9\n"},
-        {"signal 64", W_EXITCODE(0, 64), 127, "child terminated by signal #64\n"},
-        {"signal 65", W_EXITCODE(0, 65), 63, "child terminated by unknown signal #65\n"},
-        {"signal 126", W_EXITCODE(0, 126), 63, "child terminated by unknown signal #126\n"},
-        {"stopped", W_STOPCODE(SIGSTOP), 13, "child terminated for some unknown reason\n"},
-        {"continued", 0xffff, 13, "child terminated for some unknown reason\n"},
+        {W_EXITCODE(14, 0), 14, ""},
+        {W_EXITCODE(255, 0), 255, ""},
+        {W_EXITCODE(0, SIGHUP), 64, "child terminated by signal #1\n"},
+        {W_EXITCODE(0, SIGABRT) | WCOREFLAG, 69, "child terminated by signal #6\n"},
+        {W_EXITCODE(0, 64), 127, "child terminated by signal #64\n"},
+        {W_EXITCODE(0, 126), 63, "child terminated by unknown signal #126\n"},
+        {0xffff, 13, "child terminated for some unknown reason\n"}, // continued
     };
     for (const Row &r : rows) {
-        SCOPED_TRACE(r.name);
+        SCOPED_TRACE(r.status);
         FdCapture err(2);
         EXPECT_EQ(kiv_exit_code_of(r.status), r.code);
         EXPECT_EQ(err.text(), r.message);
     }
 }
 
+// The role a note names; the real command shows the parent's and the child's, but a signal
+// between the guard's set-up and the fork is a narrow window to hit from outside.
 TEST(KivGuard, SignalNoteNamesTheRole) {
-    struct Row {
-        int role;
-        int signal;
-        const char *message;
+    const std::pair<int, const char *> rows[] = {
+        {KIV_ROLE_UNKNOWN, "yet unknown if child: Got signal #15\n"},
+        {KIV_ROLE_PARENT, "parent: Got signal #15\n"},
+        {KIV_ROLE_CHILD, "child: Got signal #15\n"},
     };
-    const Row rows[] = {
-        {KIV_ROLE_UNKNOWN, SIGHUP, "yet unknown if child: Got signal #1\n"},
-        {KIV_ROLE_PARENT, SIGTERM, "parent: Got signal #15\n"},
-        {KIV_ROLE_CHILD, SIGINT, "child: Got signal #2\n"},
-        {KIV_ROLE_CHILD, SIGUSR2, "child: Got signal #12\n"},
-    };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.message);
-        kiv_role = r.role;
+    for (const auto &[role, message] : rows) {
+        kiv_role = role;
         FdCapture err(2);
-        kiv_signal_handler(r.signal);
-        EXPECT_EQ(err.text(), r.message);
+        kiv_signal_handler(SIGTERM);
+        EXPECT_EQ(err.text(), message);
     }
     kiv_role = KIV_ROLE_UNKNOWN;
-}
-
-TEST(KivGuard, CatchSignalAddsToTheUnblockSetOnlyOnSuccess) {
-    struct sigaction action = {};
-    action.sa_handler = SIG_IGN;
-    struct sigaction saved = {};
-    ASSERT_EQ(sigaction(SIGUSR2, nullptr, &saved), 0);
-
-    sigset_t unblock;
-    sigemptyset(&unblock);
-    {
-        FdCapture err(2);
-        EXPECT_EQ(kiv_catch_signal(SIGUSR2, &action, &unblock), 1);
-        EXPECT_EQ(err.text(), "");
-    }
-    EXPECT_EQ(sigismember(&unblock, SIGUSR2), 1);
-    ASSERT_EQ(sigaction(SIGUSR2, &saved, nullptr), 0);
-
-    FdCapture err(2);
-    EXPECT_EQ(kiv_catch_signal(SIGKILL, &action, &unblock), 0);
-    EXPECT_EQ(err.text(), "Could not catch signal #9\n");
-    EXPECT_EQ(sigismember(&unblock, SIGKILL), 0);
 }
 
 // Runs body in a forked child (it changes process-wide state) and returns its exit status:
@@ -105,6 +70,7 @@ int in_child(int (*body)()) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + status;
 }
 
+// SA_RESTART: a parent's wait() cut short by a noted signal would end the run with 12.
 int signal_setup_checks() {
     if (kiv_guard_signals() != 1) return 1;
     sigset_t mask;
@@ -119,17 +85,7 @@ int signal_setup_checks() {
         sigaction(sig, nullptr, &now);
         if (caught && (now.sa_handler != kiv_signal_handler || !(now.sa_flags & SA_RESTART)))
             return 11;
-        if (caught) {
-            for (int other = 1; other <= 64; ++other)
-                if (sigismember(&now.sa_mask, other) == 1) return 12;
-        }
     }
-    // A caught signal is only noted: the process goes on.
-    FdCapture err(2);
-    ::raise(SIGTERM);
-    ::raise(SIGINT);
-    if (err.text() != "yet unknown if child: Got signal #15\nyet unknown if child: Got signal #2\n")
-        return 13;
     return 0;
 }
 
@@ -138,13 +94,7 @@ TEST(KivGuard, SignalSetUpBlocksAllButTheSixCaughtOnes) {
 }
 
 int process_group_checks() {
-    if (kiv_own_process_group() != 1) return 1;
-    if (::getpgrp() != ::getpid()) return 2;
-    // Already the leader: a second attempt keeps the group and reports it.
-    FdCapture err(2);
-    if (kiv_own_process_group() != 0) return 3;
-    if (err.text() != "No new process group created?\n") return 4;
-    return 0;
+    return kiv_own_process_group() == 1 && ::getpgrp() == ::getpid() ? 0 : 1;
 }
 
 TEST(KivGuard, ChildLeadsItsOwnProcessGroup) {
@@ -157,7 +107,6 @@ class KivLock : public ::testing::Test {
         char tmpl[] = "/tmp/kiv_lock_test_XXXXXX";
         ASSERT_NE(::mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
-        options_ = {};
         qx_strlcpy(options_.lockfile, path().c_str(), sizeof options_.lockfile);
         kiv_lock_fd = -1;
     }
@@ -165,14 +114,6 @@ class KivLock : public ::testing::Test {
 
     std::string path() const { return dir_ + "/kiv.lock"; }
     bool exists() const { return ::access(path().c_str(), F_OK) == 0; }
-    // Whether another open file description can take the lock now.
-    bool lock_is_free() const {
-        int fd = ::open(path().c_str(), O_RDONLY);
-        if (fd < 0) return true;
-        bool free = ::flock(fd, LOCK_EX | LOCK_NB) == 0;
-        ::close(fd);
-        return free;
-    }
 
     std::string dir_;
     kiv_options options_{};
@@ -181,58 +122,19 @@ class KivLock : public ::testing::Test {
 TEST_F(KivLock, HeldFromLockToUnlockThenRemoved) {
     FdCapture err(2);
     ASSERT_EQ(kiv_lock(&options_), 1);
-    EXPECT_GE(kiv_lock_fd, 0);
     struct stat st;
     ASSERT_EQ(::stat(path().c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600u);
     EXPECT_EQ(st.st_size, 0);
-    EXPECT_FALSE(lock_is_free());
+    // Another open file description cannot take it meanwhile.
+    int other = ::open(path().c_str(), O_RDONLY);
+    EXPECT_NE(::flock(other, LOCK_EX | LOCK_NB), 0);
+    ::close(other);
 
     kiv_unlock(&options_);
     EXPECT_EQ(kiv_lock_fd, -1);
     EXPECT_FALSE(exists());
     EXPECT_EQ(err.text(), "");
-}
-
-TEST_F(KivLock, SecondLockerIsRefusedAtOnce) {
-    int holder = ::open(path().c_str(), O_RDONLY | O_CREAT, 0600);
-    ASSERT_GE(holder, 0);
-    ASSERT_EQ(::flock(holder, LOCK_EX | LOCK_NB), 0);
-    {
-        FdCapture err(2);
-        EXPECT_EQ(kiv_lock(&options_), 0);
-        EXPECT_EQ(err.text(), "Could not acquire kiv lock\n");
-    }
-    EXPECT_EQ(kiv_lock_fd, -1);
-    ::close(holder);
-    EXPECT_TRUE(exists()); // the holder's file is left alone
-}
-
-TEST_F(KivLock, ExistingFileKeepsItsContents) {
-    std::FILE *f = std::fopen(path().c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    std::fputs("left by a killed run", f);
-    std::fclose(f);
-    ASSERT_EQ(kiv_lock(&options_), 1);
-    EXPECT_EQ(std::filesystem::file_size(path()), 20u);
-    kiv_unlock(&options_);
-    EXPECT_FALSE(exists());
-}
-
-TEST_F(KivLock, MissingDirectoryIsRefused) {
-    qx_strlcpy(options_.lockfile, (dir_ + "/no/kiv.lock").c_str(), sizeof options_.lockfile);
-    FdCapture err(2);
-    EXPECT_EQ(kiv_lock(&options_), 0);
-    EXPECT_EQ(err.text(), "Could not acquire kiv lock\n");
-}
-
-TEST_F(KivLock, FileRemovedDuringTheRunIsAWarning) {
-    ASSERT_EQ(kiv_lock(&options_), 1);
-    ASSERT_EQ(::unlink(path().c_str()), 0);
-    FdCapture err(2);
-    kiv_unlock(&options_);
-    EXPECT_EQ(err.text(), "WARNING: kiv_unlock failed\n");
-    EXPECT_EQ(kiv_lock_fd, -1);
 }
 
 TEST_F(KivLock, FailedReleaseKeepsTheFile) {

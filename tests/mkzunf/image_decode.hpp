@@ -44,12 +44,10 @@ inline std::string text(View b, std::size_t off, std::size_t width) {
 
 struct Part {
     std::size_t offset = 0;
-    std::uint32_t hdr_crc = 0;
     std::uint32_t type_id = 0;
     std::uint32_t hdr_length = 0;
     std::uint32_t body_length = 0;
     std::string name;
-    Bytes name_field; // all 16 bytes
     std::uint32_t body_crc = 0;
     Bytes type_header; // bytes 32 .. hdr_length-1
     Bytes body;
@@ -61,12 +59,10 @@ struct Part {
 struct Image {
     bool well_formed = false; // parts lie inside the image and fill body_length exactly
     std::string magic;
-    std::uint32_t hdr_crc = 0;
     std::uint32_t version = 0;
     std::uint32_t reserved = 0;
     std::uint32_t hdr_length = 0;
     std::uint32_t body_length = 0;
-    std::uint32_t body_crc = 0;
     bool hdr_crc_ok = false;  // CRC of image bytes 12 .. 23
     bool body_crc_ok = false; // CRC of image bytes 24 .. end
     std::vector<Part> parts;
@@ -77,28 +73,23 @@ inline Image read(View b) {
     Image img;
     if (b.size() < 24) return img;
     img.magic.assign(b.begin(), b.begin() + 8);
-    img.hdr_crc = u32(b, 8);
     img.version = b[12];
     img.reserved = b[13];
     img.hdr_length = u16(b, 14);
     img.body_length = u32(b, 16);
-    img.body_crc = u32(b, 20);
-    img.hdr_crc_ok = crc32(b.subspan(12, 12)) == img.hdr_crc;
+    img.hdr_crc_ok = crc32(b.subspan(12, 12)) == u32(b, 8);
     if (24 + static_cast<std::size_t>(img.body_length) > b.size()) return img;
     std::size_t end = 24 + img.body_length;
-    img.body_crc_ok = crc32(b.subspan(24, img.body_length)) == img.body_crc;
+    img.body_crc_ok = crc32(b.subspan(24, img.body_length)) == u32(b, 20);
     std::size_t off = 24;
     while (off < end) {
         if (end - off < 32) return img;
         Part p;
         p.offset = off;
-        p.hdr_crc = u32(b, off);
         p.type_id = u16(b, off + 4);
         p.hdr_length = u16(b, off + 6);
         p.body_length = u32(b, off + 8);
         p.name = text(b, off + 12, 16);
-        p.name_field.assign(b.begin() + static_cast<std::ptrdiff_t>(off + 12),
-                            b.begin() + static_cast<std::ptrdiff_t>(off + 28));
         p.body_crc = u32(b, off + 28);
         std::size_t used = static_cast<std::size_t>(p.hdr_length) + p.body_length;
         std::size_t padded = (used + 3) & ~std::size_t{3};
@@ -107,7 +98,7 @@ inline Image read(View b) {
         p.type_header.assign(at(32), at(p.hdr_length));
         p.body.assign(at(p.hdr_length), at(used));
         p.padding.assign(at(used), at(padded));
-        p.hdr_crc_ok = crc32(b.subspan(off + 4, p.hdr_length - 4)) == p.hdr_crc;
+        p.hdr_crc_ok = crc32(b.subspan(off + 4, p.hdr_length - 4)) == u32(b, off);
         p.body_crc_ok = crc32(p.body) == p.body_crc;
         img.parts.push_back(p);
         off += padded;

@@ -34,31 +34,25 @@ class FnFile : public testing::Test {
 
 TEST_F(FnFile, ReadReturnsTheCountRead) {
     put("ten", "0123456789");
-    char buf[5120];
+    put("empty", "");
+    char buf[64];
     std::memset(buf, 'X', sizeof buf);
     EXPECT_EQ(fnread(path("ten").c_str(), buf, sizeof buf), 10);
-    EXPECT_EQ(std::string(buf, 10), "0123456789");
-
+    EXPECT_EQ(std::string(buf, 11), "0123456789X");
     std::memset(buf, 'X', sizeof buf);
     EXPECT_EQ(fnread(path("ten").c_str(), buf, 4), 4);
     EXPECT_EQ(std::string(buf, 5), "0123X") << "nothing past n is written";
-
-    put("empty", "");
     EXPECT_EQ(fnread(path("empty").c_str(), buf, sizeof buf), 0);
     EXPECT_EQ(fnread(path("missing").c_str(), buf, sizeof buf), -1);
 }
 
 TEST_F(FnFile, WriteCreatesOrTruncates) {
     EXPECT_EQ(fnwrite(path("out").c_str(), "0123456789", 10), 10);
-    EXPECT_EQ(get("out"), "0123456789");
     EXPECT_EQ(fnwrite(path("out").c_str(), "abc", 3), 3);
     EXPECT_EQ(get("out"), "abc");
     EXPECT_EQ(fnwrite(path("out").c_str(), "", 0), 0);
     EXPECT_TRUE(fs::exists(path("out")));
-    EXPECT_EQ(fs::file_size(path("out")), 0u);
-}
-
-TEST_F(FnFile, WriteFailures) {
+    EXPECT_EQ(get("out"), "");
     EXPECT_EQ(fnwrite(path("no/such/dir/out").c_str(), "x", 1), -1);
     // The data sits in the stream buffer until the close, where the device reports
     // ENOSPC: a failed close fails the whole call.
@@ -67,15 +61,14 @@ TEST_F(FnFile, WriteFailures) {
 
 TEST_F(FnFile, ScanfReturnsTheScanResult) {
     put("values", "42 kiv\n");
+    put("text", "abc");
+    put("empty", "");
     int n = 0;
     char word[16] = {};
     EXPECT_EQ(fnscanf(path("values").c_str(), "%d %15s", &n, word), 2);
     EXPECT_EQ(n, 42);
     EXPECT_STREQ(word, "kiv");
-
-    put("text", "abc");
     EXPECT_EQ(fnscanf(path("text").c_str(), "%d", &n), 0) << "no conversion";
-    put("empty", "");
     EXPECT_EQ(fnscanf(path("empty").c_str(), "%d", &n), -1) << "end of input before the first";
     EXPECT_EQ(fnscanf(path("missing").c_str(), "%d", &n), -1);
 }
@@ -91,11 +84,8 @@ TEST_F(FnFile, PrintfWritesFormattedText) {
 
 TEST_F(FnFile, SizeFollowsLinksAndReportsDevicesAsEmpty) {
     put("ten", "0123456789");
-    put("empty", "");
     fs::create_symlink(path("ten"), path("link"));
     fs::create_symlink(path("missing"), path("dangling"));
-    EXPECT_EQ(fnsize(path("ten").c_str()), 10);
-    EXPECT_EQ(fnsize(path("empty").c_str()), 0);
     EXPECT_EQ(fnsize(path("link").c_str()), 10);
     EXPECT_EQ(fnsize(path("missing").c_str()), -1);
     EXPECT_EQ(fnsize(path("dangling").c_str()), -1);

@@ -2,7 +2,9 @@
 // each CRC covers, and the assertions on null pointers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
@@ -24,8 +26,7 @@ std::uint32_t crc(const std::uint8_t *p, std::size_t n) {
     return ~c;
 }
 
-// A 16-byte image header, finished by hand: body CRC first, then the header CRC over
-// bytes 4..hdr_length-1 of the header bytes given.
+// An image header finished by hand: the header CRC over bytes 4..crc_len-1.
 struct RawImageHeader {
     std::uint8_t bytes[64] = {};
 
@@ -107,49 +108,59 @@ TEST(ZunfValidateBody, ComparesTheCrcOfBodyLengthBytes) {
     EXPECT_EQ(zunf_validate_body(h.hdr(), body.data()), ZUNF_ERR_BODY_CRC);
 }
 
-// A content part laid out by hand: common header, type_extra bytes, body.
+// A content part laid out by hand: common header, zero type header, body. A stored body CRC
+// may be given in place of the right one; the header CRC is computed over it.
 struct RawPart {
     Bytes bytes;
+    std::size_t body_at;
     zunf_content_header *hdr() { return reinterpret_cast<zunf_content_header *>(bytes.data()); }
-    std::uint8_t *body() { return bytes.data() + hdr()->hdr_length; }
+    std::uint8_t *body() { return bytes.data() + body_at; }
 };
 
-RawPart raw_part(std::uint16_t hdr_length, std::string_view body_text) {
-    RawPart p;
-    std::size_t hl = hdr_length < 32 ? 32 : hdr_length;
-    p.bytes.assign(hl + body_text.size(), 0);
-    std::copy(body_text.begin(), body_text.end(),
-              p.bytes.begin() + static_cast<std::ptrdiff_t>(hl));
+RawPart raw_part(std::uint16_t hdr_length, std::string_view body,
+                 std::optional<std::uint32_t> body_crc = {}) {
+    RawPart p{Bytes(std::max<std::size_t>(32, hdr_length) + body.size(), 0),
+              std::max<std::size_t>(32, hdr_length)};
+    std::copy(body.begin(), body.end(), p.body());
     p.hdr()->type_id = ZUNF_TYPE_DATA;
     p.hdr()->hdr_length = hdr_length;
-    p.hdr()->body_length = static_cast<std::uint32_t>(body_text.size());
+    p.hdr()->body_length = static_cast<std::uint32_t>(body.size());
     p.bytes[12] = 'x';
-    p.hdr()->body_crc = body_text.empty() ? 0 : crc(p.bytes.data() + hl, body_text.size());
+    p.hdr()->body_crc = body_crc.value_or(body.empty() ? 0 : crc(p.body(), body.size()));
     if (hdr_length >= 4) p.hdr()->hdr_crc = crc(p.bytes.data() + 4, hdr_length - 4u);
     return p;
 }
 
-TEST(ZunfValidateContent, HeaderResultCodes) {
+TEST(ZunfValidateContent, ResultCodesInCheckOrder) {
     struct Case {
-        const char *name;
         std::uint16_t hdr_length;
-        bool break_crc;
-        int expect;
+        const char *body;
+        std::optional<std::uint32_t> body_crc; // stored instead of the right one
+        bool break_hdr_crc;
+        int header; // zunf_validate_content_header
+        int part;   // zunf_validate_content_part
     };
     const Case cases[] = {
-        {"32, right CRC", 32, false, ZUNF_VALID},
-        {"64, right CRC", 64, false, ZUNF_VALID},
-        {"31, right CRC over 31", 31, false, ZUNF_ERR_HDR_LENGTH},
-        {"31, wrong CRC", 31, true, ZUNF_ERR_HDR_LENGTH},
-        {"0", 0, true, ZUNF_ERR_HDR_LENGTH},
-        {"32, wrong CRC", 32, true, ZUNF_ERR_HDR_CRC},
-        {"64, wrong CRC", 64, true, ZUNF_ERR_HDR_CRC},
+        {32, "hello", {}, false, ZUNF_VALID, ZUNF_VALID},
+        {64, "hello", {}, false, ZUNF_VALID, ZUNF_VALID},
+        {32, "", {}, false, ZUNF_VALID, ZUNF_VALID}, // empty body, stored CRC 0
+        {31, "hello", {}, false, ZUNF_ERR_HDR_LENGTH, ZUNF_ERR_HDR_LENGTH}, // CRC right over 31
+        {31, "hello", {}, true, ZUNF_ERR_HDR_LENGTH, ZUNF_ERR_HDR_LENGTH},
+        {0, "hello", {}, true, ZUNF_ERR_HDR_LENGTH, ZUNF_ERR_HDR_LENGTH},
+        {32, "hello", {}, true, ZUNF_ERR_HDR_CRC, ZUNF_ERR_HDR_CRC},
+        {64, "hello", {}, true, ZUNF_ERR_HDR_CRC, ZUNF_ERR_HDR_CRC},
+        {32, "hello", 0x12345678, false, ZUNF_VALID, ZUNF_ERR_BODY_CRC},
+        {32, "", 0xFFFFFFFF, false, ZUNF_VALID, ZUNF_ERR_BODY_CRC},
+        {32, "hello", 0x12345678, true, ZUNF_ERR_HDR_CRC, ZUNF_ERR_HDR_CRC}, // header first
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        RawPart p = raw_part(c.hdr_length, "body");
-        if (c.break_crc) p.hdr()->hdr_crc = ~p.hdr()->hdr_crc.get();
-        EXPECT_EQ(zunf_validate_content_header(p.hdr()), c.expect);
+        SCOPED_TRACE(testing::Message() << c.hdr_length << " '" << c.body << "'");
+        RawPart p = raw_part(c.hdr_length, c.body, c.body_crc);
+        if (c.break_hdr_crc) p.hdr()->hdr_crc = ~p.hdr()->hdr_crc.get();
+        EXPECT_EQ(zunf_validate_content_header(p.hdr()), c.header);
+        EXPECT_EQ(zunf_validate_content_body(p.hdr(), p.body()),
+                  c.body_crc ? ZUNF_ERR_BODY_CRC : ZUNF_VALID);
+        EXPECT_EQ(zunf_validate_content_part(p.hdr(), p.body()), c.part);
     }
 }
 
@@ -161,135 +172,42 @@ TEST(ZunfValidateContent, HeaderCrcCoversTheTypeHeaderAndBodyCrc) {
         changed.bytes[i] ^= 0x10;
         EXPECT_EQ(zunf_validate_content_header(changed.hdr()), ZUNF_ERR_HDR_CRC) << "byte " << i;
     }
-    RawPart body_changed = p;
-    body_changed.bytes[64] ^= 0x10;
-    EXPECT_EQ(zunf_validate_content_header(body_changed.hdr()), ZUNF_VALID);
-    EXPECT_EQ(zunf_validate_content_body(body_changed.hdr(), body_changed.body()),
-              ZUNF_ERR_BODY_CRC);
-}
-
-TEST(ZunfValidateContent, BodyAndPartResults) {
-    RawPart p = raw_part(32, "hello");
-    EXPECT_EQ(zunf_validate_content_body(p.hdr(), p.body()), ZUNF_VALID);
-    EXPECT_EQ(zunf_validate_content_part(p.hdr(), p.body()), ZUNF_VALID);
-
-    RawPart empty = raw_part(32, "");
-    EXPECT_EQ(empty.hdr()->body_crc, 0u);
-    EXPECT_EQ(zunf_validate_content_part(empty.hdr(), empty.body()), ZUNF_VALID)
-        << "empty body with stored CRC 0";
-    empty.hdr()->body_crc = 0xFFFFFFFFu;
-    empty.hdr()->hdr_crc = crc(empty.bytes.data() + 4, 28);
-    EXPECT_EQ(zunf_validate_content_part(empty.hdr(), empty.body()), ZUNF_ERR_BODY_CRC);
-
-    RawPart bad_body = raw_part(32, "hello");
-    bad_body.body()[0] = 'j';
-    EXPECT_EQ(zunf_validate_content_part(bad_body.hdr(), bad_body.body()), ZUNF_ERR_BODY_CRC);
-
-    RawPart both = bad_body;
-    both.hdr()->hdr_crc = ~both.hdr()->hdr_crc.get();
-    EXPECT_EQ(zunf_validate_content_part(both.hdr(), both.body()), ZUNF_ERR_HDR_CRC)
-        << "the header result comes first";
-    RawPart short_hdr = raw_part(31, "hello");
-    EXPECT_EQ(zunf_validate_content_part(short_hdr.hdr(), short_hdr.bytes.data() + 32),
-              ZUNF_ERR_HDR_LENGTH);
-}
-
-TEST(ZunfValidateContent, BodyIsTakenWhereTheCallerPointsIt) {
-    // The software block in a partition describes the content at the partition start.
-    Bytes content = to_bytes("partition content");
-    Bytes partition = build_partition(3, "ROOT-SAFE", {1, 2, 3}, "id", content);
-    const auto *block = reinterpret_cast<const zunf_content_header *>(partition.data() + 20);
-    EXPECT_EQ(zunf_validate_content_part(block, partition.data()), ZUNF_VALID);
-    EXPECT_EQ(zunf_validate_content_part(block, partition.data() + 1), ZUNF_ERR_BODY_CRC);
-}
-
-// Walks a built image the way the hostconfig loader does.
-std::vector<int> part_results(const Bytes &img) {
-    std::vector<int> r;
-    const auto *ih = reinterpret_cast<const zunf_image_header *>(img.data() + 8);
-    std::size_t off = 24;
-    std::size_t end = 24 + ih->body_length;
-    while (off < end) {
-        const auto *p = reinterpret_cast<const zunf_content_header *>(img.data() + off);
-        r.push_back(zunf_validate_content_part(p, img.data() + off + p->hdr_length));
-        off += zunf_pad4(p->hdr_length + p->body_length);
-    }
-    return r;
+    p.bytes[64] ^= 0x10; // the body is the body CRC's alone
+    EXPECT_EQ(zunf_validate_content_header(p.hdr()), ZUNF_VALID);
+    EXPECT_EQ(zunf_validate_content_body(p.hdr(), p.body()), ZUNF_ERR_BODY_CRC);
 }
 
 TEST(ZunfValidateImage, PaddingIsCoveredByTheImageBodyOnly) {
     ImageBuilder b;
     b.add_data("first", to_bytes("12345")).add_data("second", to_bytes("abc"));
     Bytes img = b.build();
+    img[24 + 32 + 5 + 2] = 0xEE; // the last of three padding bytes after "12345"
     const auto *ih = reinterpret_cast<const zunf_image_header *>(img.data() + 8);
-    ASSERT_EQ(zunf_validate_body(ih, img.data() + 24), ZUNF_VALID);
-    ASSERT_EQ(part_results(img), std::vector<int>(2, ZUNF_VALID));
-
-    const std::size_t padding = 24 + 32 + 5; // three zero bytes after "12345"
-    for (std::size_t i = padding; i < padding + 3; ++i) {
-        Bytes changed = img;
-        changed[i] = 0xEE;
-        const auto *ch = reinterpret_cast<const zunf_image_header *>(changed.data() + 8);
-        EXPECT_EQ(zunf_validate_header(ch), ZUNF_VALID);
-        EXPECT_EQ(zunf_validate_body(ch, changed.data() + 24), ZUNF_ERR_BODY_CRC) << i;
-        EXPECT_EQ(part_results(changed), std::vector<int>(2, ZUNF_VALID)) << i;
+    EXPECT_EQ(zunf_validate_header(ih), ZUNF_VALID);
+    EXPECT_EQ(zunf_validate_body(ih, img.data() + 24), ZUNF_ERR_BODY_CRC);
+    for (std::size_t off : {24u, 64u}) {
+        const auto *p = reinterpret_cast<const zunf_content_header *>(img.data() + off);
+        EXPECT_EQ(zunf_validate_content_part(p, img.data() + off + 32), ZUNF_VALID) << off;
     }
 }
 
-TEST(ZunfValidateImage, LongNameIsStoredCutTo15Characters) {
-    ImageBuilder b;
-    b.add_data("0123456789ABCDEFGHIJ", to_bytes("x")).add_data("exactly16chars!!", to_bytes("y"));
-    Bytes img = b.build();
-    const auto *first = reinterpret_cast<const zunf_content_header *>(img.data() + 24);
-    EXPECT_EQ(std::string(first->name, 16), std::string("0123456789ABCDE") + '\0');
-    const auto *second = reinterpret_cast<const zunf_content_header *>(img.data() + 24 + 36);
-    EXPECT_EQ(std::string(second->name, 16), std::string("exactly16chars!") + '\0');
-    EXPECT_EQ(part_results(img), std::vector<int>(2, ZUNF_VALID));
-}
-
-TEST(ZunfValidateImage, ValidationLeavesTheImageUnchanged) {
-    ImageBuilder b;
-    b.add_data("a", to_bytes("abcdef")).fault_part_body_crc(0);
-    const Bytes img = b.build();
-    Bytes copy = img;
-    const auto *ih = reinterpret_cast<const zunf_image_header *>(copy.data() + 8);
-    zunf_validate_header(ih);
-    zunf_validate_body(ih, copy.data() + 24);
-    EXPECT_EQ(part_results(copy), std::vector<int>{ZUNF_ERR_BODY_CRC});
-    EXPECT_EQ(copy, img);
-}
-
-void console_to_stderr() {
-    ::dup2(2, 1);
-}
-
 TEST(ZunfValidateDeathTest, NullPointersAreAssertions) {
-    const char *panic = "^Panic: \\*\\*\\* ASSERT in zunf_validate at [0-9]+\n$";
-    RawPart p = raw_part(32, "x");
-    EXPECT_EXIT(
-        {
-            console_to_stderr();
-            zunf_validate_header(nullptr);
-        },
-        testing::KilledBySignal(SIGABRT), panic);
-    EXPECT_EXIT(
-        {
-            console_to_stderr();
-            zunf_validate_content_header(nullptr);
-        },
-        testing::KilledBySignal(SIGABRT), panic);
-    EXPECT_EXIT(
-        {
-            console_to_stderr();
-            zunf_validate_content_body(p.hdr(), nullptr);
-        },
-        testing::KilledBySignal(SIGABRT), panic);
-    EXPECT_EXIT(
-        {
-            console_to_stderr();
-            zunf_validate_content_part(nullptr, p.body());
-        },
-        testing::KilledBySignal(SIGABRT), panic);
+    static RawPart part = raw_part(32, "x");
+    void (*const calls[])() = {
+        [] { zunf_validate_header(nullptr); },
+        [] { zunf_validate_content_header(nullptr); },
+        [] { zunf_validate_content_body(part.hdr(), nullptr); },
+        [] { zunf_validate_content_part(nullptr, part.body()); },
+    };
+    for (auto call : calls) {
+        EXPECT_EXIT(
+            {
+                ::dup2(2, 1); // the console is descriptor 1; death tests match standard error
+                call();
+            },
+            testing::KilledBySignal(SIGABRT),
+            "^Panic: \\*\\*\\* ASSERT in zunf_validate at [0-9]+\n$");
+    }
 }
 
 } // namespace
