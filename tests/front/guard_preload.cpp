@@ -2,7 +2,8 @@
 // KIV_GUARD_FAULT names the one C library call that misbehaves (see each function); without
 // it every call goes straight to the C library. After taking the lock the child may abort,
 // kill itself with SIGKILL, remove its lock file, or ("signals") send SIGTERM and SIGUSR1 to
-// its parent and SIGINT and SIGUSR2 to itself, after a SIGHUP at the fork.
+// its parent and SIGINT and SIGUSR2 to itself, after a SIGHUP before the fork and a SIGQUIT
+// during it.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -61,8 +62,14 @@ pid_t fork() {
         return -1;
     }
     // Signals are blocked around the fork: this one waits until the parent knows its role.
-    if (fault_is("signals")) ::kill(::getpid(), SIGHUP);
+    if (fault_is("signals")) ::kill(::getpid(), SIGQUIT);
     return real<pid_t (*)()>("fork")();
+}
+
+// kiv flushes every stream right before it forks: a signal here arrives before the fork.
+int fflush(FILE *stream) {
+    if (stream == nullptr && fault_is("signals")) ::kill(::getpid(), SIGHUP);
+    return real<int (*)(FILE *)>("fflush")(stream);
 }
 
 pid_t wait(int *status) {

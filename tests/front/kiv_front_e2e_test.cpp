@@ -297,7 +297,8 @@ TEST(KivFrontE2e, ProcessGuard) {
         {"abort", 69, LOG_CRIT, "child terminated by signal #6\n", false, true},
         {"kill", 72, LOG_CRIT, "child terminated by signal #9\n", false, true},
         {"signals", 0, LOG_INFO,
-         "parent: Got signal #1\nparent: Got signal #15\nchild: Got signal #2\n"
+         "yet unknown if child: Got signal #1\nparent: Got signal #3\n"
+         "parent: Got signal #15\nchild: Got signal #2\n"
          "parent: Got signal #10\nchild: Got signal #12\n",
          true, false},
         {"unlink", 0, LOG_ERR, "WARNING: kiv_unlock failed\n", true, false},
