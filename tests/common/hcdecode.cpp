@@ -8,51 +8,104 @@ namespace {
 
 using Bytes = std::span<const std::uint8_t>;
 
-std::uint32_t crc_update(std::uint32_t crc, Bytes bytes) {
+const std::uint8_t MAGIC[8] = {'F', 'N', 'U', 'Z', 'Z', 'U', 'N', 'F'};
+
+std::uint16_t get16(Bytes b, std::size_t off) {
+    return static_cast<std::uint16_t>(get32(b, off) & 0xFFFFu);
+}
+
+std::string get_text(Bytes b, std::size_t off, std::size_t width) {
+    std::string s;
+    for (std::size_t i = 0; i < width && off + i < b.size() && b[off + i] != 0; ++i)
+        s.push_back(static_cast<char>(b[off + i]));
+    return s;
+}
+
+std::size_t pad4(std::size_t n) {
+    return (n + 3) & ~std::size_t{3};
+}
+
+// The record layout, written once and walked in either direction.
+struct Reader {
+    Bytes b;
+    void u8(std::size_t off, std::uint8_t &v) const { v = b[off]; }
+    void u16(std::size_t off, std::uint16_t &v) const { v = get16(b, off); }
+    void u32(std::size_t off, std::uint32_t &v) const { v = get32(b, off); }
+    void text(std::size_t off, std::size_t width, std::string &s) const {
+        s = get_text(b, off, width);
+    }
+};
+
+struct Writer {
+    std::vector<std::uint8_t> &b;
+    void u8(std::size_t off, std::uint8_t v) const { b[off] = v; }
+    void u16(std::size_t off, std::uint16_t v) const { put16(b, off, v); }
+    void u32(std::size_t off, std::uint32_t v) const { put32(b, off, v); }
+    void text(std::size_t off, std::size_t width, const std::string &s) const {
+        std::size_t n = std::min(s.size(), width - 1);
+        for (std::size_t i = 0; i < width; ++i)
+            b[off + i] = i < n ? static_cast<std::uint8_t>(s[i]) : 0;
+    }
+};
+
+template <typename Io, typename R> void walk_record(const Io &io, R &r) {
+    io.u8(0, r.actset);
+    for (std::size_t s = 0; s < 3; ++s) {
+        std::size_t o = 1 + 36 * s;
+        io.u8(o, r.sets[s].bootable);
+        io.text(o + 1, 15, r.sets[s].name);
+    }
+    for (std::size_t i = 0; i < 20; ++i) {
+        std::size_t o = 112 + 72 * i;
+        auto &pi = r.partinfo[i];
+        io.text(o, 16, pi.poolname);
+        io.u8(o + 16, pi.pn);
+        io.u32(o + 20, pi.offset);
+        io.u32(o + 24, pi.size);
+        io.text(o + 28, 32, pi.mountpnt);
+        io.text(o + 60, 10, pi.fstype);
+    }
+    for (std::size_t s = 0; s < 3; ++s) {
+        std::size_t o = 1552 + 44 * s;
+        auto &rh = r.rhdr[s];
+        io.u8(o, rh.major);
+        io.u8(o + 1, rh.minor);
+        io.u16(o + 2, rh.build);
+        io.u32(o + 4, rh.date);
+        io.text(o + 8, 36, rh.build_id);
+    }
+    for (std::size_t i = 0; i < 20; ++i) {
+        std::size_t o = 1684 + 64 * i;
+        auto &m = r.pinfometa[i];
+        io.u32(o, m.hdr_crc);
+        io.u16(o + 4, m.type_id);
+        io.u16(o + 6, m.hdr_length);
+        io.u32(o + 8, m.body_length);
+        io.text(o + 12, 16, m.name);
+        io.u32(o + 28, m.body_crc);
+        io.u8(o + 32, m.sw_major);
+        io.u8(o + 33, m.sw_minor);
+        io.u16(o + 34, m.sw_build);
+        io.text(o + 36, 28, m.sw_build_id);
+    }
+}
+
+// Set s's 20 reference bytes.
+std::size_t refs_at(std::size_t s) {
+    return 1 + 36 * s + 16;
+}
+
+} // namespace
+
+std::uint32_t crc32(Bytes bytes) {
     // Bit at a time on purpose: nothing in common with the product's table code.
-    crc = ~crc;
+    std::uint32_t crc = ~0u;
     for (std::uint8_t byte : bytes) {
         crc ^= byte;
         for (int k = 0; k < 8; ++k)
             crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
     }
     return ~crc;
-}
-
-void put16(std::vector<std::uint8_t> &b, std::size_t off, std::uint16_t v) {
-    b[off] = static_cast<std::uint8_t>(v);
-    b[off + 1] = static_cast<std::uint8_t>(v >> 8);
-}
-
-void put32(std::vector<std::uint8_t> &b, std::size_t off, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-        b[off + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-
-void put_text(std::vector<std::uint8_t> &b, std::size_t off, std::size_t width,
-              const std::string &s) {
-    std::size_t n = std::min(s.size(), width - 1);
-    for (std::size_t i = 0; i < width; ++i)
-        b[off + i] = i < n ? static_cast<std::uint8_t>(s[i]) : 0;
-}
-
-std::uint32_t pad4(std::uint64_t n) {
-    return static_cast<std::uint32_t>((n + 3) & ~std::uint64_t{3});
-}
-
-const std::uint8_t MAGIC[8] = {'F', 'N', 'U', 'Z', 'Z', 'U', 'N', 'F'};
-
-} // namespace
-
-std::uint32_t crc32(Bytes bytes) {
-    return crc_update(0, bytes);
-}
-
-std::uint16_t get16(Bytes b, std::size_t off) {
-    std::uint16_t v = 0;
-    for (std::size_t i = 0; i < 2; ++i)
-        if (off + i < b.size()) v = static_cast<std::uint16_t>(v | (b[off + i] << (8 * i)));
-    return v;
 }
 
 std::uint32_t get32(Bytes b, std::size_t off) {
@@ -62,11 +115,14 @@ std::uint32_t get32(Bytes b, std::size_t off) {
     return v;
 }
 
-std::string get_text(Bytes b, std::size_t off, std::size_t width) {
-    std::string s;
-    for (std::size_t i = 0; i < width && off + i < b.size() && b[off + i] != 0; ++i)
-        s.push_back(static_cast<char>(b[off + i]));
-    return s;
+void put16(std::vector<std::uint8_t> &b, std::size_t off, std::uint16_t v) {
+    b[off] = static_cast<std::uint8_t>(v);
+    b[off + 1] = static_cast<std::uint8_t>(v >> 8);
+}
+
+void put32(std::vector<std::uint8_t> &b, std::size_t off, std::uint32_t v) {
+    put16(b, off, static_cast<std::uint16_t>(v));
+    put16(b, off + 2, static_cast<std::uint16_t>(v >> 16));
 }
 
 const Part *Image::find(std::string_view wanted) const {
@@ -91,72 +147,48 @@ Image decode_image(Bytes bytes) {
         img.error = "shorter than 24 bytes";
         return img;
     }
-    img.magic_ok = std::equal(MAGIC, MAGIC + 8, bytes.begin());
-    img.hdr_crc = get32(bytes, 8);
-    img.version = bytes[12];
-    img.reserved = bytes[13];
-    img.hdr_length = get16(bytes, 14);
+    const std::size_t hdr_length = get16(bytes, 14);
     img.body_length = get32(bytes, 16);
-    img.body_crc = get32(bytes, 20);
-    img.size = 8u + img.hdr_length + std::size_t{img.body_length};
-
-    if (!img.magic_ok) fail("bad magic");
-    if (img.version != 1) fail("version " + std::to_string(img.version));
-    if (img.hdr_length != 16) fail("image hdr_length " + std::to_string(img.hdr_length));
-    if (img.hdr_length >= 4 && 8u + img.hdr_length <= bytes.size())
-        img.hdr_crc_ok = crc32(bytes.subspan(12, img.hdr_length - 4u)) == img.hdr_crc;
-    if (!img.hdr_crc_ok) fail("image hdr_crc");
+    img.size = 8 + hdr_length + img.body_length;
+    if (!std::equal(MAGIC, MAGIC + 8, bytes.begin())) fail("bad magic");
+    if (bytes[12] != 1) fail("version " + std::to_string(bytes[12]));
+    if (hdr_length != 16) fail("image hdr_length " + std::to_string(hdr_length));
+    if (hdr_length < 4 || 8 + hdr_length > bytes.size() ||
+        crc32(bytes.subspan(12, hdr_length - 4)) != get32(bytes, 8))
+        fail("image hdr_crc");
     if (img.size > bytes.size()) {
         fail("image runs past the bytes given (" + std::to_string(img.size) + " > " +
              std::to_string(bytes.size()) + ")");
         return img;
     }
-    std::size_t body_start = 8u + img.hdr_length;
-    img.body_crc_ok = crc32(bytes.subspan(body_start, img.body_length)) == img.body_crc;
-    if (!img.body_crc_ok) fail("image body_crc");
-
-    std::size_t pos = body_start;
-    std::size_t end = img.size;
+    std::size_t pos = 8 + hdr_length;
+    const std::size_t end = img.size;
+    if (crc32(bytes.subspan(pos, img.body_length)) != get32(bytes, 20)) fail("image body_crc");
     while (pos < end) {
         if (end - pos < 32) {
             fail("trailing " + std::to_string(end - pos) + " bytes after the last part");
             break;
         }
-        Part p;
-        p.offset = pos;
-        p.hdr_crc = get32(bytes, pos);
-        p.type_id = get16(bytes, pos + 4);
-        p.hdr_length = get16(bytes, pos + 6);
-        p.body_length = get32(bytes, pos + 8);
-        p.name = get_text(bytes, pos + 12, 16);
-        std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(pos + 12), 16, p.raw_name.begin());
-        p.body_crc = get32(bytes, pos + 28);
-        std::string where = "part " + std::to_string(img.parts.size()) + " '" + p.name + "'";
+        Part p{get16(bytes, pos + 4), get16(bytes, pos + 6), get_text(bytes, pos + 12, 16), {}};
+        const std::size_t body_length = get32(bytes, pos + 8);
+        const std::string where = "part " + std::to_string(img.parts.size()) + " '" + p.name + "'";
         if (p.hdr_length < 32) {
             fail(where + ": hdr_length " + std::to_string(p.hdr_length));
             break;
         }
-        std::uint64_t occupied = pad4(std::uint64_t{p.hdr_length} + p.body_length);
-        if (std::uint64_t{p.hdr_length} + p.body_length > end - pos) {
+        if (p.hdr_length + body_length > end - pos) {
             fail(where + ": runs past the image body");
             break;
         }
-        p.hdr_crc_ok = crc32(bytes.subspan(pos + 4, p.hdr_length - 4u)) == p.hdr_crc;
-        auto body = bytes.subspan(pos + p.hdr_length, p.body_length);
+        auto body = bytes.subspan(pos + p.hdr_length, body_length);
+        if (crc32(bytes.subspan(pos + 4, p.hdr_length - 4u)) != get32(bytes, pos))
+            fail(where + ": hdr_crc");
+        if (crc32(body) != get32(bytes, pos + 28)) fail(where + ": body_crc");
         p.body.assign(body.begin(), body.end());
-        p.body_crc_ok = crc32(body) == p.body_crc;
-        if (!p.hdr_crc_ok) fail(where + ": hdr_crc");
-        if (!p.body_crc_ok) fail(where + ": body_crc");
-        std::size_t body_end = pos + p.hdr_length + p.body_length;
-        std::size_t next = pos + static_cast<std::size_t>(occupied);
-        if (next > end) {
-            fail(where + ": padding runs past the image body");
-            next = end;
-        }
-        p.padding.assign(bytes.begin() + static_cast<std::ptrdiff_t>(body_end),
-                         bytes.begin() + static_cast<std::ptrdiff_t>(next));
         img.parts.push_back(std::move(p));
-        pos = next;
+        const std::size_t occupied = pad4(img.parts.back().hdr_length + body_length);
+        if (occupied > end - pos) fail(where + ": padding runs past the image body");
+        pos += std::min(occupied, end - pos);
     }
     img.ok = img.error.empty();
     return img;
@@ -165,49 +197,13 @@ Image decode_image(Bytes bytes) {
 std::optional<Record> decode_record(Bytes b) {
     if (b.size() < RECORD_SIZE) return std::nullopt;
     Record r;
-    r.actset = b[0];
+    walk_record(Reader{b}, r);
     for (std::size_t s = 0; s < 3; ++s) {
-        std::size_t o = 1 + 36 * s;
         Set &set = r.sets[s];
-        set.bootable = b[o];
-        set.name = get_text(b, o + 1, 15);
         for (std::size_t k = 0; k < 20; ++k)
-            set.raw_refs[k] = static_cast<std::int8_t>(b[o + 16 + k]);
+            set.raw_refs[k] = static_cast<std::int8_t>(b[refs_at(s) + k]);
         for (std::size_t k = 0; k < 20 && set.raw_refs[k] != -1; ++k)
             set.refs.push_back(set.raw_refs[k]);
-    }
-    for (std::size_t i = 0; i < 20; ++i) {
-        std::size_t o = 112 + 72 * i;
-        PartInfo &pi = r.partinfo[i];
-        pi.poolname = get_text(b, o, 16);
-        pi.pn = b[o + 16];
-        pi.offset = get32(b, o + 20);
-        pi.size = get32(b, o + 24);
-        pi.mountpnt = get_text(b, o + 28, 32);
-        pi.fstype = get_text(b, o + 60, 10);
-    }
-    for (std::size_t s = 0; s < 3; ++s) {
-        std::size_t o = 1552 + 44 * s;
-        ReleaseHeader &rh = r.rhdr[s];
-        rh.major = b[o];
-        rh.minor = b[o + 1];
-        rh.build = get16(b, o + 2);
-        rh.date = get32(b, o + 4);
-        rh.build_id = get_text(b, o + 8, 36);
-    }
-    for (std::size_t i = 0; i < 20; ++i) {
-        std::size_t o = 1684 + 64 * i;
-        PinfoMeta &m = r.pinfometa[i];
-        m.hdr_crc = get32(b, o);
-        m.type_id = get16(b, o + 4);
-        m.hdr_length = get16(b, o + 6);
-        m.body_length = get32(b, o + 8);
-        m.name = get_text(b, o + 12, 16);
-        m.body_crc = get32(b, o + 28);
-        m.sw_major = b[o + 32];
-        m.sw_minor = b[o + 33];
-        m.sw_build = get16(b, o + 34);
-        m.sw_build_id = get_text(b, o + 36, 28);
     }
     return r;
 }
@@ -225,47 +221,10 @@ std::optional<Record> decode_kiv_data(Bytes bytes) {
 
 std::vector<std::uint8_t> encode_record(const Record &r) {
     std::vector<std::uint8_t> b(RECORD_SIZE, 0);
-    b[0] = r.actset;
-    for (std::size_t s = 0; s < 3; ++s) {
-        std::size_t o = 1 + 36 * s;
-        b[o] = r.sets[s].bootable;
-        put_text(b, o + 1, 15, r.sets[s].name);
+    walk_record(Writer{b}, r);
+    for (std::size_t s = 0; s < 3; ++s)
         for (std::size_t k = 0; k < 20; ++k)
-            b[o + 16 + k] = static_cast<std::uint8_t>(r.sets[s].raw_refs[k]);
-    }
-    for (std::size_t i = 0; i < 20; ++i) {
-        std::size_t o = 112 + 72 * i;
-        const PartInfo &pi = r.partinfo[i];
-        put_text(b, o, 16, pi.poolname);
-        b[o + 16] = pi.pn;
-        put32(b, o + 20, pi.offset);
-        put32(b, o + 24, pi.size);
-        put_text(b, o + 28, 32, pi.mountpnt);
-        put_text(b, o + 60, 10, pi.fstype);
-    }
-    for (std::size_t s = 0; s < 3; ++s) {
-        std::size_t o = 1552 + 44 * s;
-        const ReleaseHeader &rh = r.rhdr[s];
-        b[o] = rh.major;
-        b[o + 1] = rh.minor;
-        put16(b, o + 2, rh.build);
-        put32(b, o + 4, rh.date);
-        put_text(b, o + 8, 36, rh.build_id);
-    }
-    for (std::size_t i = 0; i < 20; ++i) {
-        std::size_t o = 1684 + 64 * i;
-        const PinfoMeta &m = r.pinfometa[i];
-        put32(b, o, m.hdr_crc);
-        put16(b, o + 4, m.type_id);
-        put16(b, o + 6, m.hdr_length);
-        put32(b, o + 8, m.body_length);
-        put_text(b, o + 12, 16, m.name);
-        put32(b, o + 28, m.body_crc);
-        b[o + 32] = m.sw_major;
-        b[o + 33] = m.sw_minor;
-        put16(b, o + 34, m.sw_build);
-        put_text(b, o + 36, 28, m.sw_build_id);
-    }
+            b[refs_at(s) + k] = static_cast<std::uint8_t>(r.sets[s].raw_refs[k]);
     return b;
 }
 
@@ -273,11 +232,11 @@ std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts) {
     std::vector<std::uint8_t> img(24, 0);
     for (const NewPart &part : parts) {
         std::size_t pos = img.size();
-        img.resize(pos + pad4(32u + part.body.size()), 0);
+        img.resize(pos + pad4(32 + part.body.size()), 0);
         put16(img, pos + 4, part.type_id);
         put16(img, pos + 6, 32);
         put32(img, pos + 8, static_cast<std::uint32_t>(part.body.size()));
-        put_text(img, pos + 12, 16, part.name);
+        Writer{img}.text(pos + 12, 16, part.name);
         std::copy(part.body.begin(), part.body.end(),
                   img.begin() + static_cast<std::ptrdiff_t>(pos + 32));
     }
@@ -289,25 +248,25 @@ std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts) {
     return img;
 }
 
-void refresh_crcs(std::vector<std::uint8_t> &img) {
+void refresh_crcs(std::vector<std::uint8_t> &img, bool parts) {
     if (img.size() < 24) return;
-    std::span<const std::uint8_t> all(img);
-    std::size_t hdr_length = get16(all, 14);
-    std::size_t body_length = get32(all, 16);
-    std::size_t body_start = 8 + hdr_length;
-    if (hdr_length < 16 || body_start + body_length > img.size()) return;
-    std::size_t end = body_start + body_length;
-    for (std::size_t pos = body_start; end - pos >= 32;) {
-        std::size_t phl = get16(all, pos + 6);
-        std::size_t pbl = get32(all, pos + 8);
-        if (phl < 32 || phl + pbl > end - pos) break;
-        put32(img, pos + 28, crc32(all.subspan(pos + phl, pbl)));
-        put32(img, pos, crc32(all.subspan(pos + 4, phl - 4)));
-        pos += pad4(phl + pbl);
-        if (pos >= end) break;
+    Bytes all(img);
+    const std::size_t hdr_length = get16(all, 14);
+    const std::size_t body_start = 8 + hdr_length;
+    const std::size_t end = body_start + get32(all, 16);
+    if (end <= img.size()) {
+        for (std::size_t pos = body_start; parts && pos < end && end - pos >= 32;) {
+            const std::size_t phl = get16(all, pos + 6);
+            const std::size_t pbl = get32(all, pos + 8);
+            if (phl < 32 || phl + pbl > end - pos) break;
+            put32(img, pos + 28, crc32(all.subspan(pos + phl, pbl)));
+            put32(img, pos, crc32(all.subspan(pos + 4, phl - 4)));
+            pos += pad4(phl + pbl);
+        }
+        put32(img, 20, crc32(all.subspan(body_start, end - body_start)));
     }
-    put32(img, 20, crc32(all.subspan(body_start, body_length)));
-    put32(img, 8, crc32(all.subspan(12, hdr_length - 4)));
+    const bool header_inside = hdr_length >= 4 && body_start <= img.size();
+    put32(img, 8, crc32(all.subspan(12, header_inside ? hdr_length - 4 : 12)));
 }
 
 std::optional<std::uint8_t> state_byte(Bytes device, int set) {

@@ -20,26 +20,17 @@ namespace hcdecode {
 // IEEE 802.3 CRC-32 (the value zlib's crc32() gives); 0 for no bytes.
 std::uint32_t crc32(std::span<const std::uint8_t> bytes);
 
-// Little-endian readers over a byte span; bytes past the end read as 0.
-std::uint16_t get16(std::span<const std::uint8_t> b, std::size_t off);
+// Little-endian access for tests that edit a field of an image; reads past the end give 0.
 std::uint32_t get32(std::span<const std::uint8_t> b, std::size_t off);
-// A NUL-terminated text field of `width` bytes (the text stops at the first NUL or width).
-std::string get_text(std::span<const std::uint8_t> b, std::size_t off, std::size_t width);
+void put16(std::vector<std::uint8_t> &b, std::size_t off, std::uint16_t v);
+void put32(std::vector<std::uint8_t> &b, std::size_t off, std::uint32_t v);
 
 // One content part as it lies in the image.
 struct Part {
-    std::size_t offset = 0; // from the image start
-    std::uint32_t hdr_crc = 0;
     std::uint16_t type_id = 0;
     std::uint16_t hdr_length = 0;
-    std::uint32_t body_length = 0;
     std::string name; // text up to the first NUL of the 16-byte field
-    std::array<std::uint8_t, 16> raw_name{};
-    std::uint32_t body_crc = 0;
-    bool hdr_crc_ok = false;  // CRC of part bytes 4 .. hdr_length-1
-    bool body_crc_ok = false; // CRC of the body_length bytes at offset + hdr_length
     std::vector<std::uint8_t> body;
-    std::vector<std::uint8_t> padding; // the 0..3 bytes after the body
 };
 
 // A whole image. `ok` means: magic right, version 1, hdr_length 16, both image CRCs
@@ -48,15 +39,7 @@ struct Part {
 struct Image {
     bool ok = false;
     std::string error;
-    bool magic_ok = false;
-    std::uint32_t hdr_crc = 0;
-    std::uint8_t version = 0;
-    std::uint8_t reserved = 0;
-    std::uint16_t hdr_length = 0;
     std::uint32_t body_length = 0;
-    std::uint32_t body_crc = 0;
-    bool hdr_crc_ok = false;
-    bool body_crc_ok = false;
     std::size_t size = 0; // 8 + hdr_length + body_length
     std::vector<Part> parts;
 
@@ -141,9 +124,11 @@ struct NewPart {
 // 32-byte headers on 4-byte boundaries, zero padding, all CRCs right.
 std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts);
 
-// Recomputes all CRCs of an image in place (after a test edited a field), walking the
-// parts as the header and part lengths say. Stops silently at anything out of range.
-void refresh_crcs(std::vector<std::uint8_t> &image);
+// Recomputes CRCs of an image in place after a test edited a field, trusting the lengths
+// it holds: the header CRC always (over bytes 12..23 when hdr_length reaches past the
+// bytes), the body CRC when the body lies inside the bytes, and with `parts` the CRCs of
+// every part that does.
+void refresh_crcs(std::vector<std::uint8_t> &image, bool parts = true);
 
 // --- upgrade state bytes at the end of the first 128 KiB of the hostconfig device ---
 inline constexpr std::size_t STATE_OFFSET = 131070;

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <memory>
+#include <utility>
 
 #include "common/hcdecode.hpp"
 #include "common/temp_dir.hpp"
@@ -24,66 +25,20 @@ std::unique_ptr<hostconfig> new_handle() {
     return hc;
 }
 
-void put16(Bytes &b, std::size_t off, std::uint16_t v) {
-    b[off] = static_cast<std::uint8_t>(v);
-    b[off + 1] = static_cast<std::uint8_t>(v >> 8);
-}
-
-void put32(Bytes &b, std::size_t off, std::uint32_t v) {
-    for (int i = 0; i < 4; ++i)
-        b[off + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-
-// Re-signs the image header only (image bytes 12..23), whatever its lengths say.
-Bytes resign_header(Bytes img) {
-    put32(img, 8, hcdecode::crc32(std::span<const std::uint8_t>(img).subspan(12, 12)));
-    return img;
-}
-
-Bytes valid_image() {
-    Bytes body(100);
-    for (std::size_t i = 0; i < body.size(); ++i)
-        body[i] = static_cast<std::uint8_t>(i);
-    return hcdecode::encode_image({{"KIV data", body}});
-}
-
 } // namespace
 
 TEST(HostconfigRaw, WhichStoredFilesAreAccepted) {
     TempDir dir;
     const std::string path = dir.file("hostcfg");
-    const Bytes good = valid_image(); // 24 + 32 + 100 = 156 bytes
-
-    Bytes tail_5120 = good;
-    tail_5120.resize(5120, 0xA5);
-    Bytes tail_5121 = tail_5120;
-    tail_5121.push_back(0);
-    Bytes wrong_magic = good;
-    wrong_magic[0] = 'X';
-    Bytes version2 = good;
-    version2[12] = 2;
-    version2 = resign_header(version2);
-    Bytes body_crc_wrong = good;
-    body_crc_wrong[100] ^= 1;
-    Bytes header_crc_wrong = good;
-    header_crc_wrong[8] ^= 1;
-    Bytes hdr_length_15 = good;
-    put16(hdr_length_15, 14, 15);
-    hdr_length_15 = resign_header(hdr_length_15);
-    // Lengths that reach past the bytes read, with a header CRC that vouches for them.
-    Bytes body_one_past = good;
-    put32(body_one_past, 16, static_cast<std::uint32_t>(good.size() - 24 + 1));
-    body_one_past = resign_header(body_one_past);
-    Bytes body_huge = good;
-    put32(body_huge, 16, 0xFFFFFF00u);
-    body_huge = resign_header(body_huge);
-    Bytes hdr_huge = good;
-    put16(hdr_huge, 14, 0xFFF0);
-    hdr_huge = resign_header(hdr_huge);
-    Bytes tail_5120_body_past = tail_5120;
-    put32(tail_5120_body_past, 16, 5120 - 24 + 1);
-    tail_5120_body_past = resign_header(tail_5120_body_past);
-
+    const Bytes good = hcdecode::encode_image({{"KIV data", Bytes(100, 0x42)}}); // 156 bytes
+    // The edit is followed by right CRCs for whatever lengths the header now claims.
+    auto edited = [&good](auto edit, bool resign = true) {
+        Bytes b = good;
+        edit(b);
+        if (resign) hcdecode::refresh_crcs(b, false);
+        return b;
+    };
+    auto body_length = [](std::uint32_t n) { return [n](Bytes &b) { hcdecode::put32(b, 16, n); }; };
     struct Case {
         const char *what;
         Bytes bytes;
@@ -93,24 +48,30 @@ TEST(HostconfigRaw, WhichStoredFilesAreAccepted) {
         {"valid", good, 0},
         {"23 bytes", Bytes(good.begin(), good.begin() + 23), -1},
         {"24-byte header of a longer image", Bytes(good.begin(), good.begin() + 24), -1},
-        {"5120 bytes with a tail", tail_5120, 0},
-        {"5121 bytes", tail_5121, -1},
-        {"magic is not examined", wrong_magic, 0},
-        {"version 2 with a right CRC", version2, -1},
-        {"hdr_length 15", hdr_length_15, -1},
-        {"header CRC wrong", header_crc_wrong, -1},
-        {"body CRC wrong", body_crc_wrong, -1},
-        {"body one byte past the file", body_one_past, -1},
-        {"body far past the buffer", body_huge, -1},
-        {"header far past the buffer", hdr_huge, -1},
-        {"body past 5120 bytes", tail_5120_body_past, -1},
+        {"5120 bytes with a tail", edited([](Bytes &b) { b.resize(5120, 0xA5); }), 0},
+        {"5121 bytes", edited([](Bytes &b) { b.resize(5121, 0xA5); }), -1},
+        {"magic is not examined", edited([](Bytes &b) { b[0] = 'X'; }), 0},
+        {"version 2 with a right CRC", edited([](Bytes &b) { b[12] = 2; }), -1},
+        {"hdr_length 15", edited([](Bytes &b) { hcdecode::put16(b, 14, 15); }), -1},
+        {"header CRC wrong", edited([](Bytes &b) { b[8] ^= 1; }, false), -1},
+        {"body CRC wrong", edited([](Bytes &b) { b[100] ^= 1; }, false), -1},
+        {"body one byte past the file", edited(body_length(156 - 24 + 1)), -1},
+        {"body far past the buffer", edited(body_length(0xFFFFFF00u)), -1},
+        {"header far past the buffer", edited([](Bytes &b) { hcdecode::put16(b, 14, 0xFFF0); }),
+         -1},
+        {"body past 5120 bytes", edited([](Bytes &b) {
+             b.resize(5120, 0xA5);
+             hcdecode::put32(b, 16, 5120 - 24 + 1);
+         }),
+         -1},
         {"empty file", Bytes{}, -1},
     };
     for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
         write_bytes(path, c.bytes);
         auto hc = new_handle();
-        EXPECT_EQ(hostconfig_load_raw(hc.get(), path.c_str()), c.result) << c.what;
-        EXPECT_EQ(reinterpret_cast<std::uint8_t *>(hc->hdr), hc->image + 8) << c.what;
+        EXPECT_EQ(hostconfig_load_raw(hc.get(), path.c_str()), c.result);
+        EXPECT_EQ(reinterpret_cast<std::uint8_t *>(hc->hdr), hc->image + 8);
     }
 
     auto hc = new_handle();
@@ -127,8 +88,7 @@ TEST(HostconfigRaw, SaveWritesExactlyUsedBytes) {
     ASSERT_EQ(hostconfig_add_body(hc.get(), "abcde", 5, "KIV data"), 1);
     ASSERT_EQ(hc->used, 64u);
     EXPECT_EQ(hostconfig_save_raw(hc.get(), path.c_str()), 0);
-    Bytes stored = read_bytes(path);
-    EXPECT_EQ(stored, Bytes(hc->image, hc->image + 64));
+    EXPECT_EQ(read_bytes(path), Bytes(hc->image, hc->image + 64));
 
     EXPECT_EQ(hostconfig_save_raw(hc.get(), dir.file("no/dir/x").c_str()), -1);
     // An MTD path whose erase fails is not written at all.
@@ -137,18 +97,14 @@ TEST(HostconfigRaw, SaveWritesExactlyUsedBytes) {
 }
 
 TEST(Mtd, PathsAndNonDevices) {
-    struct Case {
-        const char *path;
-        bool mtd;
-    };
-    const Case cases[] = {
+    const std::pair<const char *, bool> cases[] = {
         {"/dev/mtd5", true}, {"/dev/mtd", true},  {"/dev/mtdblock2", true}, {"/dev/mtd-x", true},
         {"/dev/mt", false},  {"dev/mtd5", false}, {"/tmp/hostcfg", false},  {"", false},
     };
-    for (const Case &c : cases)
-        EXPECT_EQ(mtd_path_is_mtd(c.path), c.mtd) << c.path;
+    for (auto [path, mtd] : cases)
+        EXPECT_EQ(mtd_path_is_mtd(path), mtd) << path;
 
-    // A regular file answers no MTD request: not lockable-tested, not erasable.
+    // A regular file answers no MTD request: not lock-tested, not erased.
     TempDir dir;
     const std::string file = dir.file("plain");
     write_bytes(file, Bytes(4096, 0xFF));
