@@ -51,55 +51,40 @@ int kiv_activate_hook_post(void *data, void *hostconfig) {
     return 7;
 }
 
-typedef int (*open_fn)(const char *, int, ...);
-
 static int failed_once;
 
-static int fail_this_open(const char *path) {
+/* open() and open64() of PATH, failing the first open of KIV_TEST_FAIL_OPEN with EIO. */
+static int open_as(const char *name, const char *path, int flags, va_list args) {
     const char *target = getenv("KIV_TEST_FAIL_OPEN");
-    if (target == NULL || failed_once || strcmp(path, target) != 0) return 0;
-    failed_once = 1;
-    return 1;
-}
-
-static int forward(const char *name, const char *path, int flags, mode_t mode) {
-    open_fn real;
-    /* ISO C has no conversion from the object pointer dlsym returns to a function pointer. */
+    mode_t mode = 0;
+    int (*real)(const char *, int, ...);
     void *symbol = dlsym(RTLD_NEXT, name);
-    memcpy(&real, &symbol, sizeof real);
-    if (real == NULL) {
-        errno = ENOSYS;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE)
+        mode = (mode_t)va_arg(args, int);
+    if (target != NULL && !failed_once && strcmp(path, target) == 0) {
+        failed_once = 1;
+        errno = EIO;
         return -1;
     }
+    /* ISO C has no conversion from the object pointer dlsym returns to a function pointer. */
+    memcpy(&real, &symbol, sizeof real);
     return real(path, flags, mode);
-}
-
-static mode_t mode_of(int flags, va_list args) {
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE)
-        return (mode_t)va_arg(args, int);
-    return 0;
 }
 
 int open(const char *path, int flags, ...) {
     va_list args;
+    int fd;
     va_start(args, flags);
-    mode_t mode = mode_of(flags, args);
+    fd = open_as("open", path, flags, args);
     va_end(args);
-    if (fail_this_open(path)) {
-        errno = EIO;
-        return -1;
-    }
-    return forward("open", path, flags, mode);
+    return fd;
 }
 
 int open64(const char *path, int flags, ...) {
     va_list args;
+    int fd;
     va_start(args, flags);
-    mode_t mode = mode_of(flags, args);
+    fd = open_as("open64", path, flags, args);
     va_end(args);
-    if (fail_this_open(path)) {
-        errno = EIO;
-        return -1;
-    }
-    return forward("open64", path, flags, mode);
+    return fd;
 }
