@@ -86,12 +86,21 @@ TEST(VerifyE2e, ListingOfEveryOutcome) {
         std::vector<std::string> warnings; // on standard error, each logged as an error
     };
     const std::string &multi = MULTI_WARNING, &single = SINGLETON_WARNING;
+    // Two broken singletons: the fallback kernel first, then CONF of the running set. The
+    // second one alone decides the do-not-reboot lines.
+    std::string two_singletons = listing("OK", "DISPARITY");
+    const std::string kernel_safe_ok = pool_line(0, "KERNEL-SAFE", "OK");
+    two_singletons.replace(two_singletons.find(kernel_safe_ok), kernel_safe_ok.size(),
+                           pool_line(0, "KERNEL-SAFE", "DISPARITY"));
+    std::string two_of_three = single;
+    two_of_three.replace(two_of_three.find("1/3"), 3, "2/3");
     const std::vector<Row> rows = {
         {{}, 1, listing("OK", "OK"), {}},
         {{7, 8}, 1, listing("DISPARITY", "OK"), {multi}},
         {{10}, 1, listing("OK", "DISPARITY") + ACTIVE_SET_LINES, {single}},
         {{10}, 2, listing("OK", "DISPARITY"), {single}},
         {{7, 8, 10}, 1, listing("DISPARITY", "DISPARITY") + ACTIVE_SET_LINES, {multi, single}},
+        {{0, 10}, 1, two_singletons + ACTIVE_SET_LINES, {two_of_three}},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(testing::Message()
