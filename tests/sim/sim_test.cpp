@@ -68,9 +68,9 @@ DeviceOptions layout(std::string text) {
     return o;
 }
 
-RunOptions faults(const std::string &specs) {
+RunOptions faults(const std::string &list) {
     RunOptions o;
-    o.faults = words(specs);
+    o.faults = words(list);
     return o;
 }
 

@@ -70,7 +70,7 @@ struct DeviceOptions {
 };
 
 struct RunOptions {
-    std::vector<std::string> faults;          // fault specs of this run
+    std::vector<std::string> faults;          // --fault words of this run
     std::optional<std::string> cmdline;       // /proc/cmdline (without newline)
     std::vector<std::string> env;             // "NAME=VALUE" added to the environment
     std::vector<std::string> keep;            // more paths to keep reachable

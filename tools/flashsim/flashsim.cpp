@@ -473,7 +473,7 @@ void op_opendir(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi) {
 [[noreturn]] void usage(int status) {
     std::fprintf(status ? stderr : stdout,
                  "usage: kiv-flashsim --images DIR [--layout FILE] [--events FILE]\n"
-                 "                    [--fault SPEC]... [--ready-fd FD]\n"
+                 "                    [--fault FAULT]... [--ready-fd FD]\n"
                  "                    [--powercut-fd FD --powercut-ack-fd FD] [--debug] "
                  "MOUNTPOINT\n"
                  "\n"
@@ -482,7 +482,7 @@ void op_opendir(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi) {
                  "mtdN.img in DIR is served with 64 KiB erase blocks.  Runs in the\n"
                  "foreground until unmounted or signalled.\n"
                  "\n"
-                 "fault SPEC: erase:mtdN:BLOCK  write:mtdN:OFFSET  short:mtdN:OFFSET\n"
+                 "fault FAULT: erase:mtdN:BLOCK  write:mtdN:OFFSET  short:mtdN:OFFSET\n"
                  "            bitflip:mtdN:OFFSET:BIT  powercut:N\n");
     std::exit(status);
 }
@@ -529,7 +529,7 @@ kiv::sim::Layout layout_from_dir(const std::string &dir) {
 
 int main(int argc, char **argv) {
     std::string images, layout_path, events_path;
-    std::vector<std::string> fault_specs;
+    std::vector<std::string> fault_texts;
     int ready_fd = -1;
     bool debug = false;
     enum { OptImages = 256, OptLayout, OptEvents, OptFault, OptReady, OptCut, OptAck, OptDebug };
@@ -559,7 +559,7 @@ int main(int argc, char **argv) {
             events_path = optarg;
             break;
         case OptFault:
-            fault_specs.emplace_back(optarg);
+            fault_texts.emplace_back(optarg);
             break;
         case OptReady:
             ready_fd = parse_fd(optarg);
@@ -594,9 +594,9 @@ int main(int argc, char **argv) {
     }
     if (layout.mtds.empty()) die("no flash devices to serve");
 
-    for (const auto &spec : fault_specs) {
+    for (const auto &text : fault_texts) {
         Fault f;
-        if (!kiv::sim::parse_fault(spec, f, err) || !kiv::sim::check_fault(f, layout, err))
+        if (!kiv::sim::parse_fault(text, f, err) || !kiv::sim::check_fault(f, layout, err))
             die(err);
         if (f.kind == Fault::Kind::Erase) f.offset = f.block * layout.find(f.mtd)->erasesize;
         if (f.kind == Fault::Kind::Powercut)

@@ -92,7 +92,7 @@ struct Status {
     std::fprintf(
         status ? stderr : stdout,
         "usage: kiv-sandbox --dir RUNDIR [--layout FILE] [--cmdline TEXT]\n"
-        "                   [--hostcfg-default FILE] [--fault SPEC]... [--keep PATH]...\n"
+        "                   [--hostcfg-default FILE] [--fault FAULT]... [--keep PATH]...\n"
         "                   [--timeout SECONDS] [--tty] [--flashsim PATH] -- COMMAND [ARGS...]\n"
         "\n"
         "Runs COMMAND on a simulated device whose flash images live in RUNDIR/flash.\n"
@@ -100,7 +100,7 @@ struct Status {
         "a power cut), 124 on timeout, 125 if the sandbox failed, 126/127 if COMMAND\n"
         "cannot be run or was not found.\n"
         "\n"
-        "fault SPEC: erase:mtdN:BLOCK  write:mtdN:OFFSET  short:mtdN:OFFSET\n"
+        "fault FAULT: erase:mtdN:BLOCK  write:mtdN:OFFSET  short:mtdN:OFFSET\n"
         "            bitflip:mtdN:OFFSET:BIT  powercut:N\n");
     std::exit(status ? kExitFailure : 0);
 }
@@ -596,9 +596,9 @@ int main(int argc, char **argv) {
     if (!kiv::sim::parse_layout(layout_text, layout, err))
         fail((o.layout_file.empty() ? std::string("default layout") : o.layout_file) + ": " + err);
     if (layout.mtds.empty()) fail("the layout defines no flash device");
-    for (const auto &spec : o.faults) {
+    for (const auto &text : o.faults) {
         kiv::sim::Fault f;
-        if (!kiv::sim::parse_fault(spec, f, err) || !kiv::sim::check_fault(f, layout, err))
+        if (!kiv::sim::parse_fault(text, f, err) || !kiv::sim::check_fault(f, layout, err))
             fail(err);
     }
     std::string cmdline = o.have_cmdline   ? o.cmdline
