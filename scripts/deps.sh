@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-    build-essential cmake pkg-config
+    build-essential cmake pkg-config clang-format
     libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
     libfuse3-dev fuse3 mtd-utils
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user

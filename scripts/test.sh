@@ -8,6 +8,9 @@ jobs=$(nproc)
 
 scripts/deps.sh
 
+echo "== formatting (the committed .clang-format)"
+git ls-files -z '*.c' '*.h' '*.cpp' '*.hpp' | xargs -0 clang-format --dry-run --Werror
+
 echo "== native build and tests"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
