@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Sets up a fresh Debian machine and runs every test: the native build with the whole
-# test suite, the stream parser tests again under AddressSanitizer, and the ARM cross
+# Sets up a fresh Debian machine and runs every test: the formatting check, the native
+# build with the whole
+# test suite, the unit tests again under AddressSanitizer and UBSan, and the ARM cross
 # build of the shipped binary with its run-time dependency check.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -16,7 +17,7 @@ cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs" --timeout 300
 
-echo "== AddressSanitizer build of the image and hostconfig parsers"
+echo "== unit tests under AddressSanitizer and UBSan"
 cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DKIV_SANITIZE=ON -DKIV_BUILD_BENCH=OFF >/dev/null
 cmake --build build-asan -j"$jobs"
 ctest --test-dir build-asan --output-on-failure -j"$jobs" --timeout 300 -L unit
