@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # Sets up a fresh Debian machine and runs every test: the formatting check, the native
-# build with the whole
-# test suite, the unit tests again under AddressSanitizer and UBSan, and the ARM cross
-# build of the shipped binary with its run-time dependency check.
+# build with the whole test suite, the unit tests again under AddressSanitizer and UBSan,
+# and the ARM cross build of the shipped binary with its run-time dependency check.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 jobs=$(nproc)
