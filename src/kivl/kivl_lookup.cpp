@@ -11,17 +11,6 @@
 namespace {
 constexpr const char *MODULE = "kivl";
 constexpr std::string_view PRODUCTS_KEY = "products=";
-
-// The first 4 bytes of a release header and of a software header.
-struct version_triple {
-    std::uint8_t major;
-    std::uint8_t minor;
-    le16 build;
-};
-static_assert(sizeof(version_triple) == 4);
-static_assert(offsetof(zunf_release_header, release_build_number) ==
-              offsetof(version_triple, build));
-static_assert(offsetof(zunf_software_header, sw_build_number) == offsetof(version_triple, build));
 } // namespace
 
 int kivl_actset_get(const kivl_data *data) {
@@ -64,7 +53,7 @@ int kivl_partinfo_mark_meta_invalid(kivl_data *data, int pidx) {
 int kivl_check_minver(const void *version, std::uint32_t major, std::uint32_t minor,
                       std::uint32_t build) {
     QX_ASSERT(MODULE, version != nullptr);
-    const auto *v = static_cast<const version_triple *>(version);
+    const auto *v = static_cast<const kivl_version *>(version);
     if (v->major != major) return v->major > major ? 1 : 0;
     if (v->minor != minor) return v->minor > minor ? 1 : 0;
     return v->build.get() >= build ? 1 : 0;
