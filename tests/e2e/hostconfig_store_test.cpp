@@ -362,10 +362,11 @@ TEST(HostconfigStore, ASaveKeepsTheOtherPartsAndPutsKivDataLast) {
 }
 
 // The demonstration on a blank device: an integrator describes the default device to kiv
-// with initialize, partinfo and partset, each command shown before it runs; then a release
-// written by hand into set 1 checks out, becomes active, passes through TEST after the
-// boot and ends VALID.
-TEST(HostconfigStore, DemoScriptDescribesTheDevice) {
+// with initialize, partinfo and partset, each command shown before it runs; a release is
+// installed into set 1 and booted through TEST to VALID; an update that changes the
+// application only goes into set 2 and keeps the partitions already holding its kernel and
+// root file system.
+TEST(HostconfigStore, DemoScriptInstallsAndBootsReleases) {
     const std::vector<std::string> integrator_commands = {
         "initialize",
         "partinfo 7 KNL-SAFE 0x200000 -offset=180000",
@@ -383,8 +384,10 @@ TEST(HostconfigStore, DemoScriptDescribesTheDevice) {
     };
     Device dev;
     const std::string script = kiv::test::source_dir() + "/scripts/demo-device.sh";
+    RunOptions options;
+    options.timeout = std::chrono::seconds(60);
     SandboxResult r =
-        run_on(dev, {"/bin/sh", script, kiv::test::kiv_bin(), kiv::test::mkzunf_bin()});
+        run_on(dev, {"/bin/sh", script, kiv::test::kiv_bin(), kiv::test::mkzunf_bin()}, options);
     EXPECT_EQ(r.exit, 0) << r.describe();
     for (const std::string &command : integrator_commands) {
         // Shown, and followed by the next step: the command printed nothing.
@@ -394,40 +397,26 @@ TEST(HostconfigStore, DemoScriptDescribesTheDevice) {
         const std::string_view next = std::string_view(r.out).substr(at + shown.size());
         EXPECT_TRUE(next.starts_with("$ ") || next.starts_with("### ")) << shown << r.describe();
     }
-    EXPECT_NE(r.out.find("$ kiv info\n" + SETS_P1_HEAD +
-                         "  0  SAFESET          0          0.00 0     7 8 19    ACTIVE SET\n"
-                         "  1  SET1             0          0.00 0     9 11 13 \n"
-                         "  2  SET2             0          0.00 0     10 12 14 \n"),
-              std::string::npos)
-        << r.describe();
-    EXPECT_NE(r.out.find(POOLS_HEAD +
-                         "  0  KNL-SAFE         1      singleton\n"
-                         "  1  ROOT-SAFE        1      singleton\n"
-                         "  2  KNL              2      multi\n"
-                         "  3  ROOT             2      multi\n"
-                         "  4  APPL             2      multi\n"
-                         "  5  APPL-SAFE        1      singleton\n" +
-                         STATES_VALID),
-              std::string::npos)
-        << r.describe();
-    for (const char *line : {" 9  Belongs to pool KNL              CRC32 content check: OK\n",
-                             "verify_set:   ref 13: APPL                     : ok\n",
-                             "KIV Data Upgrade set 1: TEST(1)\n", "Already validated\n",
-                             "2.01,7,\n", "13,APPL,90000,2.01\n"})
-        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.describe();
+    for (const char *line :
+         {"install: /tmp/kiv-demo/release-2.1.7.zunf into autodetected set idx = 1\n",
+          "Writing out 150000 bytes of data to /dev/mtd11\n",
+          "install: /tmp/kiv-demo/release-2.1.8.zunf into autodetected set idx = 2\n",
+          "### Wrote 90000 of 310000 content bytes: 220000 bytes already on flash were kept\n",
+          "verify_set:   ref 14: APPL         APPL        : ok\n", "2.01,7,REL-2.1.7\n",
+          "14,APPL,90000,2.01\n"})
+        EXPECT_NE((r.out + r.err).find(line), std::string::npos) << line << "\n" << r.describe();
 
     // What the flash holds, read without the product's code.
     for (int mtd : {HOSTCFG_MTD, BACKUP_MTD}) {
         SCOPED_TRACE("mtd" + std::to_string(mtd));
         std::optional<Record> rec = record_on(dev, mtd);
         ASSERT_TRUE(rec);
-        EXPECT_EQ(rec->actset, 1);
+        EXPECT_EQ(rec->actset, 2);
         EXPECT_EQ(rec->sets[0].refs, (std::vector<int>{7, 8, 19}));
         EXPECT_EQ(rec->sets[1].refs, (std::vector<int>{9, 11, 13}));
-        EXPECT_EQ(rec->sets[2].refs, (std::vector<int>{10, 12, 14}));
+        EXPECT_EQ(rec->sets[2].refs, (std::vector<int>{9, 11, 14}));
         const hcdecode::PartInfo &appl_safe = rec->partinfo[19];
         EXPECT_EQ(appl_safe.poolname, "APPL-SAFE");
-        EXPECT_EQ(appl_safe.pn, 19);
         EXPECT_EQ(appl_safe.offset, 0xE00000u);
         EXPECT_EQ(appl_safe.size, 0x600000u);
         EXPECT_EQ(appl_safe.mountpnt, "/mnt/appl");
@@ -435,6 +424,7 @@ TEST(HostconfigStore, DemoScriptDescribesTheDevice) {
         for (std::size_t i : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 15u, 16u, 17u, 18u})
             EXPECT_EQ(rec->partinfo[i].poolname, "") << i;
         EXPECT_EQ(rec->pinfometa[11].body_length, 150000u);
+        EXPECT_EQ(rec->pinfometa[14].sw_build, 8);
     }
     EXPECT_EQ(states_on(dev), "VV");
 }
