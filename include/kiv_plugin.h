@@ -239,7 +239,9 @@ int kiv_install_hook_post_write_out(struct kiv_install_ctx *ctx, struct hostconf
 /* install, after a successful commit (or the write-out of a dry run). Its value is the
  * install's result. */
 int kiv_install_hook_post_activate(struct kiv_install_ctx *ctx, struct hostconfig *hc);
-/* install, at the end when the result is not 0. The value is ignored. */
+/* install, at the end of an install that got past kiv_install_hook_pre_install, when its
+ * result is not 0 (not after a failure to set the test state, which ends the install at
+ * once). The value is ignored. */
 int kiv_install_hook_on_failure(struct kiv_install_ctx *ctx, struct hostconfig *hc, int result);
 
 #endif /* KIV_PLUGIN_TYPES_ONLY */

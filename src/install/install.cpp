@@ -235,6 +235,7 @@ int kiv_install(kiv_options *options) {
         }
     }
     kivl_partpool_generate(&data);
+    kiv_install_keep_loaded(&data);
 
     const char *location = options->args[1];
     const bool autodetected = requested == AUTODETECT;

@@ -18,6 +18,27 @@
 namespace {
 constexpr std::size_t DEVICE_NAME_LEN = 120;
 
+// Planning records the new contents for every partition to be written before the first
+// write. When the write-out stops early, the partitions it never reached still hold what
+// they held at load time, and the saved hostconfig must say so.
+kivl_record loaded_record;
+
+void restore_unreached(kiv_install_ctx *ctx, int failed) {
+    for (int k = failed + 1; k < static_cast<int>(KIVM_MAX_ELEMS); ++k) {
+        const kivl_kivm_elem &e = ctx->kivm[k];
+        if (e.action != KIV_ACTION_WRITE || e.partinfo_idx < 0 ||
+            e.partinfo_idx >= static_cast<int>(KIVL_PARTINFOS))
+            continue;
+        const int p = e.partinfo_idx;
+        kivl_record &rec = ctx->kdata->rec;
+        rec.pinfometa[p] = loaded_record.pinfometa[p];
+        std::memcpy(rec.partinfo[p].mountpnt, loaded_record.partinfo[p].mountpnt,
+                    sizeof rec.partinfo[p].mountpnt);
+        std::memcpy(rec.partinfo[p].fstype, loaded_record.partinfo[p].fstype,
+                    sizeof rec.partinfo[p].fstype);
+    }
+}
+
 bool nothing_to_do(const kivl_kivm_elem &e) {
     return e.action == -1 || e.action == KIV_ACTION_NONE;
 }
@@ -64,6 +85,7 @@ bool write_layout(int fd, const char *device, const zunf_content_header *part, i
     const std::uint8_t *body = hdr + hdr_len;
 
     auto put = [&](const std::uint8_t *p, std::uint32_t len) {
+        errno = 0; // a short count sets none
         const ssize_t n = ::write(fd, p, len);
         if (n == static_cast<ssize_t>(len)) return true;
         kiv_log(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
@@ -139,6 +161,10 @@ Written write_element(kiv_install_ctx *ctx, int i, const zunf_content_header *pa
 }
 } // namespace
 
+void kiv_install_keep_loaded(const kivl_data *kdata) {
+    loaded_record = kdata->rec;
+}
+
 int kiv_install_prepare(kiv_install_ctx *ctx) {
     bool partial_logged = false;
     for (kivl_kivm_elem &e : ctx->kivm) {
@@ -192,6 +218,7 @@ kiv_write_out_result kiv_install_write_out(kiv_install_ctx *ctx) {
             kiv_log_both(LOG_CRIT, "FAILED TO INSTALL %.*s INTO %i\n",
                          static_cast<int>(ZUNF_NAME_LEN), part->name, e.partinfo_idx);
         kivl_partinfo_mark_meta_invalid(ctx->kdata, e.partinfo_idx);
+        restore_unreached(ctx, i);
         out.failed = true;
         break;
     }

@@ -75,6 +75,9 @@ const zunf_content_header *kiv_install_elem_part(const kiv_install_ctx *ctx,
 // 0 to go on, or the exit code (1 or 14) that ends the install.
 int kiv_install_prepare(kiv_install_ctx *ctx);
 
+// Remembers the upgrade data as loaded, before planning records the new contents in it.
+void kiv_install_keep_loaded(const kivl_data *kdata);
+
 // Outcome of the write-out.
 struct kiv_write_out_result {
     bool failed;
@@ -82,7 +85,8 @@ struct kiv_write_out_result {
 };
 
 // Erases, writes and verifies every element planned for writing, stopping at the first
-// failure (whose partition metadata is then cleared in memory).
+// failure: that partition's metadata is then cleared in memory, and the partitions planned
+// behind it, never touched, get back the metadata they were loaded with.
 kiv_write_out_result kiv_install_write_out(kiv_install_ctx *ctx);
 
 // From the planned and prepared install to the exit code: autoset bookkeeping, the
