@@ -75,7 +75,8 @@ const char *after(const char *word, std::string_view prefix) {
 template <std::size_t N> void store_text(char (&field)[N], std::string_view text) {
     QX_ASSERT(MODULE, text.size() < N);
     std::memset(field, 0, N);
-    std::memcpy(field, text.data(), text.size());
+    // An absent option is an empty view with no data: memcpy must not see its null.
+    if (!text.empty()) std::memcpy(field, text.data(), text.size());
 }
 
 // The set form's values, with the defaults of absent options.
