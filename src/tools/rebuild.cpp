@@ -46,21 +46,6 @@ struct free_deleter {
     void operator()(std::uint8_t *p) const { std::free(p); }
 };
 
-// Reads until n bytes are in or the device ends. Returns the count, or -1 on a read error.
-long read_up_to(int fd, std::uint8_t *buf, std::size_t n) {
-    std::size_t got = 0;
-    while (got < n) {
-        ssize_t r = ::read(fd, buf + got, n - got);
-        if (r < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (r == 0) break;
-        got += static_cast<std::size_t>(r);
-    }
-    return static_cast<long>(got);
-}
-
 // The first block in buf[0..n) named after the pool whose CRCs hold over itself and over
 // the partition's first body_length bytes; null when there is none.
 const zunf_pinfometa *find_block(const std::uint8_t *buf, std::size_t n, std::string_view pool) {
@@ -102,7 +87,7 @@ int rebuild_meta(kivl_data *data, const char *pool_name, int index, std::uint32_
         return 0;
     }
     std::memset(buf.get(), 0, bytes);
-    const long n = read_up_to(device.get(), buf.get(), bytes);
+    const long n = kiv_read_full(device.get(), buf.get(), bytes);
     device.reset();
     if (n < 0) {
         kiv_log(LOG_ERR, "rebuild_meta: Could not load sw header for %s\n", pool_name);

@@ -29,8 +29,9 @@ constexpr int WTS_BODY = 1;
 constexpr int WTS_HEADER_FIRST = 2;
 constexpr int WTS_HEADER_BEHIND = 3;
 
-// Reads until n bytes are in or the device ends. Returns the count, or -1 on a read error.
-long read_full(int fd, std::uint8_t *buf, std::size_t n) {
+} // namespace
+
+long kiv_read_full(int fd, std::uint8_t *buf, std::size_t n) {
     std::size_t got = 0;
     while (got < n) {
         ssize_t r = ::read(fd, buf + got, n - got);
@@ -43,6 +44,8 @@ long read_full(int fd, std::uint8_t *buf, std::size_t n) {
     }
     return static_cast<long>(got);
 }
+
+namespace {
 
 bool is_recorded(const zunf_pinfometa &meta) {
     return meta.hdr.body_length.get() != 0 && meta.hdr.body_crc.get() != 0;
@@ -112,7 +115,7 @@ int crc32_check(const kivl_data *data, int i, int wts) {
         // header cannot be confirmed and counts as a header fault.
         const std::size_t hdr_length = meta.hdr.hdr_length.get();
         if (hdr_length == 0 || hdr_length > sizeof(zunf_pinfometa)) return KIV_CRC_UNREADABLE;
-        if (read_full(device.get(), buf, hdr_length) != static_cast<long>(hdr_length))
+        if (kiv_read_full(device.get(), buf, hdr_length) != static_cast<long>(hdr_length))
             return KIV_CRC_UNREADABLE;
         if (std::memcmp(buf, zunf_bytes(&meta), hdr_length) != 0) return KIV_CRC_UNREADABLE;
     }
@@ -121,7 +124,7 @@ int crc32_check(const kivl_data *data, int i, int wts) {
     std::uint32_t remaining = length;
     while (remaining > 0) {
         const std::size_t want = remaining < CHECK_CHUNK ? remaining : CHECK_CHUNK;
-        const long got = read_full(device.get(), buf, want);
+        const long got = kiv_read_full(device.get(), buf, want);
         if (got < 0) return KIV_CRC_UNREADABLE;
         crc = crc32_calc(crc, buf, static_cast<std::uint32_t>(got));
         remaining -= static_cast<std::uint32_t>(got);

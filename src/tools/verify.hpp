@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 #include "front/kiv_options.hpp"
 
@@ -21,6 +22,10 @@ inline constexpr int KIV_VERIFY_SET_NO_REFS = 1;
 
 // Longest partition device path, without its NUL.
 inline constexpr std::size_t KIV_DEVICE_PATH_MAX = 99;
+
+// Reads from fd until n bytes are in or the device ends. Returns the count, or -1 on a
+// read error.
+long kiv_read_full(int fd, std::uint8_t *buf, std::size_t n);
 
 // Formats the partition device path from data->device and the partition number into
 // out (out_size bytes). The pattern may hold exactly one integer conversion (d or i, with
