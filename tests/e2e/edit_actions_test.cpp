@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/cat.hpp"
+
 #include "e2e/kiv_e2e.hpp"
 
 namespace {
@@ -65,7 +67,7 @@ std::string joined(const std::vector<std::string> &words) {
 std::string numbers(int from, int to) {
     std::string list;
     for (int i = from; i <= to; ++i)
-        list += (list.empty() ? "" : ",") + std::to_string(i);
+        list += cat(list.empty() ? "" : ",", std::to_string(i));
     return list;
 }
 
@@ -136,7 +138,7 @@ TEST(PartinfoE2e, DescribesThePartition) {
         std::uint32_t metalength = 0, metacrc = 0;
         mkzunf::Version version = {};
     };
-    const std::string mount31 = "/" + std::string(30, 'm');
+    const std::string mount31 = cat("/", std::string(30, 'm'));
     const std::vector<std::string> with_meta = {
         "partinfo", "4", "P", "1", "-metacrc=3735928559", "-metalength=4096", "-meta=1.2.3"};
     const std::vector<Row> rows = {

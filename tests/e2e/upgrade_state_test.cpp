@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/cat.hpp"
 #include "e2e/kiv_e2e.hpp"
 
 namespace {
@@ -78,19 +79,20 @@ TEST(UpgradeE2e, StateMachine) {
     const std::string BOOT1 = "console=ttyS0 KIVSET=SET1", SAFE = "KIVSET=SAFESET console=ttyS0",
                       BOOT2 = "console=ttyS0 KIVSET=SET2 quiet", NO_SET = "console=ttyS0 quiet",
                       BOOT7 = "KIVSET=SET7";
+    const Message QUIET{};
     const Message ALREADY{"Already validated\n", ON_STDOUT};
     const Message INVALID{"Upgrade state is invalid\n", ON_STDOUT};
     const Message FAILED{"failed to set upgrade state\n", LOG_CRIT};
     const Message MISSING{"upgrade: Missing argument\n", LOG_ERR};
     const Message UNKNOWN{"upgrade: unknown command.\n", LOG_CRIT};
     auto bad_file = [](const std::string &n) {
-        return Message{"upgrade: invalid set " + n + " in activeset file\n", LOG_ERR};
+        return Message{cat("upgrade: invalid set ", n, " in activeset file\n"), LOG_ERR};
     };
     auto check_err = [](int err) {
-        return Message{"activate: set 2 validation err=" + std::to_string(err) + "\n", LOG_ERR};
+        return Message{cat("activate: set 2 validation err=", std::to_string(err), "\n"), LOG_ERR};
     };
     auto bad_id = [](const std::string &word) {
-        return Message{"activate: invalid set id: " + word + "\n", LOG_ERR};
+        return Message{cat("activate: invalid set id: ", word, "\n"), LOG_ERR};
     };
     using Args = std::vector<std::string>;
     const Args TEST = {"upgrade", "test"}, VALIDATE = {"upgrade", "validate"},
@@ -98,32 +100,32 @@ TEST(UpgradeE2e, StateMachine) {
                ACTIVATE_TEST_DRY = {"upgrade", "activate", "-test", "-dryrun"};
     const std::vector<Row> rows = {
         // upgrade test: BOOT of the boot set becomes TEST; anything else stays.
-        {BOOT1, "BV", 1, {}, TEST, 0, {}, SAVED_STATE, "TV", 1},
-        {BOOT2, "VB", 2, {}, TEST, 0, {}, SAVED_STATE, "VT", 2},
-        {BOOT1, "TB", 1, {}, TEST, 0, {}, UNTOUCHED, "TB", 1},
-        {BOOT1, "VB", 1, {}, TEST, 0, {}, UNTOUCHED, "VB", 1},
-        {SAFE, "BB", 0, {}, TEST, 0, {}, UNTOUCHED, "BB", 0},
-        {BOOT1, "BV", 1, {}, {"upgrade", "test", "-dryrun"}, 0, {}, UNTOUCHED, "BV", 1},
+        {BOOT1, "BV", 1, {}, TEST, 0, QUIET, SAVED_STATE, "TV", 1},
+        {BOOT2, "VB", 2, {}, TEST, 0, QUIET, SAVED_STATE, "VT", 2},
+        {BOOT1, "TB", 1, {}, TEST, 0, QUIET, UNTOUCHED, "TB", 1},
+        {BOOT1, "VB", 1, {}, TEST, 0, QUIET, UNTOUCHED, "VB", 1},
+        {SAFE, "BB", 0, {}, TEST, 0, QUIET, UNTOUCHED, "BB", 0},
+        {BOOT1, "BV", 1, {}, {"upgrade", "test", "-dryrun"}, 0, QUIET, UNTOUCHED, "BV", 1},
         {BOOT7, "BB", 1, {}, TEST, 1, INVALID, UNTOUCHED, "BB", 1},
         // upgrade validate: TEST or BOOT of the boot set becomes VALID; the save has made
         // every other set VALID as well.
-        {BOOT2, "BT", 2, {}, VALIDATE, 0, {}, SAVED, "VV", 2},
-        {BOOT1, "BT", 1, {}, VALIDATE, 0, {}, SAVED, "VV", 1},
+        {BOOT2, "BT", 2, {}, VALIDATE, 0, QUIET, SAVED, "VV", 2},
+        {BOOT1, "BT", 1, {}, VALIDATE, 0, QUIET, SAVED, "VV", 1},
         {BOOT1, "VB", 1, {}, VALIDATE, 0, ALREADY, UNTOUCHED, "VB", 1},
         {SAFE, "BB", 0, {}, VALIDATE, 0, ALREADY, UNTOUCHED, "BB", 0},
         {NO_SET, "BB", 1, {}, VALIDATE, 0, ALREADY, UNTOUCHED, "BB", 1},
-        {BOOT2, "VT", 2, {}, {"-dryrun", "upgrade", "validate"}, 0, {}, UNTOUCHED, "VT", 2},
+        {BOOT2, "VT", 2, {}, {"-dryrun", "upgrade", "validate"}, 0, QUIET, UNTOUCHED, "VT", 2},
         {BOOT7, "BB", 1, {}, VALIDATE, 1, INVALID, UNTOUCHED, "BB", 1},
         // upgrade activate: the set named by the activeset file.
-        {BOOT1, "VV", 1, "2\n", ACTIVATE_TEST, 0, {}, SAVED_STATE, "VT", 2},
-        {SAFE, "VV", 1, "2", ACTIVATE_TEST, 0, {}, SAVED, "VV", 2},
-        {BOOT1, "TB", 1, "2", ACTIVATE, 0, {}, SAVED, "VV", 2},
-        {BOOT1, "TB", 2, "2", ACTIVATE_TEST, 0, {}, UNTOUCHED, "TB", 2},
+        {BOOT1, "VV", 1, "2\n", ACTIVATE_TEST, 0, QUIET, SAVED_STATE, "VT", 2},
+        {SAFE, "VV", 1, "2", ACTIVATE_TEST, 0, QUIET, SAVED, "VV", 2},
+        {BOOT1, "TB", 1, "2", ACTIVATE, 0, QUIET, SAVED, "VV", 2},
+        {BOOT1, "TB", 2, "2", ACTIVATE_TEST, 0, QUIET, UNTOUCHED, "TB", 2},
         {BOOT1, "BV", 1, "0", ACTIVATE_TEST, 1, FAILED, SAVED, "VV", 0},
-        {BOOT1, "VV", 1, "2", ACTIVATE_TEST_DRY, 0, {}, UNTOUCHED, "VV", 1},
-        {BOOT1, "BV", 1, {}, ACTIVATE, 1, {}, UNTOUCHED, "BV", 1},
-        {BOOT1, "BV", 1, "", ACTIVATE, 1, {}, UNTOUCHED, "BV", 1},
-        {BOOT1, "BV", 1, "SET2\n", ACTIVATE, 1, {}, UNTOUCHED, "BV", 1},
+        {BOOT1, "VV", 1, "2", ACTIVATE_TEST_DRY, 0, QUIET, UNTOUCHED, "VV", 1},
+        {BOOT1, "BV", 1, {}, ACTIVATE, 1, QUIET, UNTOUCHED, "BV", 1},
+        {BOOT1, "BV", 1, "", ACTIVATE, 1, QUIET, UNTOUCHED, "BV", 1},
+        {BOOT1, "BV", 1, "SET2\n", ACTIVATE, 1, QUIET, UNTOUCHED, "BV", 1},
         {BOOT1, "BV", 1, "7", ACTIVATE, 1, bad_file("7"), UNTOUCHED, "BV", 1},
         {BOOT1, "BV", 1, "-1", ACTIVATE, 1, bad_file("-1"), UNTOUCHED, "BV", 1},
         {BOOT1, "BV", 1, "258", ACTIVATE, 1, bad_file("258"), UNTOUCHED, "BV", 1}, // 2 + 256
@@ -131,15 +133,15 @@ TEST(UpgradeE2e, StateMachine) {
         {BOOT1, "BV", 1, {}, {"upgrade", "foo"}, 1, UNKNOWN, UNTOUCHED, "BV", 1},
         // activate SET: the set's partitions are checked unless -f; the states are left as
         // the save's erase leaves them.
-        {BOOT1, "TB", 1, {}, ACTIVATE2, 0, {}, SAVED, "VV", 2},
-        {BOOT1, "TB", 1, {}, {"activate", "SET2"}, 0, {}, SAVED, "VV", 2},
-        {BOOT1, "TB", 1, {}, {"activate", "0x2"}, 0, {}, SAVED, "VV", 2},
-        {BOOT1, "TB", 1, {}, {"activate", "SAFESET"}, 0, {}, SAVED, "VV", 0},
-        {BOOT1, "TB", 1, {}, {"activate", "1"}, 0, {}, SAVED, "VV", 1},
-        {BOOT1, "TB", 1, {}, {"activate", "2", "-dryrun"}, 0, {}, UNTOUCHED, "TB", 1},
+        {BOOT1, "TB", 1, {}, ACTIVATE2, 0, QUIET, SAVED, "VV", 2},
+        {BOOT1, "TB", 1, {}, {"activate", "SET2"}, 0, QUIET, SAVED, "VV", 2},
+        {BOOT1, "TB", 1, {}, {"activate", "0x2"}, 0, QUIET, SAVED, "VV", 2},
+        {BOOT1, "TB", 1, {}, {"activate", "SAFESET"}, 0, QUIET, SAVED, "VV", 0},
+        {BOOT1, "TB", 1, {}, {"activate", "1"}, 0, QUIET, SAVED, "VV", 1},
+        {BOOT1, "TB", 1, {}, {"activate", "2", "-dryrun"}, 0, QUIET, UNTOUCHED, "TB", 1},
         {BOOT1, "TB", 1, {}, ACTIVATE2, 1, check_err(4), UNTOUCHED, "TB", 1, P4_DIFFERS},
-        {BOOT1, "TB", 1, {}, {"activate", "2", "-f"}, 0, {}, SAVED, "VV", 2, P4_DIFFERS},
-        {BOOT1, "TB", 1, {}, ACTIVATE2, 0, {}, SAVED, "VV", 2, P3_DIFFERS},
+        {BOOT1, "TB", 1, {}, {"activate", "2", "-f"}, 0, QUIET, SAVED, "VV", 2, P4_DIFFERS},
+        {BOOT1, "TB", 1, {}, ACTIVATE2, 0, QUIET, SAVED, "VV", 2, P3_DIFFERS},
         {BOOT1, "VV", 1, {}, ACTIVATE2, 1, check_err(1), UNTOUCHED, "VV", 1, SET2_NO_REFS},
         {BOOT1, "VV", 1, {}, ACTIVATE2, 1, check_err(2), UNTOUCHED, "VV", 1, P4_UNRECORDED},
         {BOOT1, "TB", 1, {}, {"activate", "3"}, 1, bad_id("3"), UNTOUCHED, "TB", 1},

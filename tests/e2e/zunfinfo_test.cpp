@@ -2,6 +2,8 @@
 // broken and hostile image files. zunfinfo never touches flash.
 #include <gtest/gtest.h>
 
+#include "common/cat.hpp"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -87,7 +89,7 @@ TEST(Zunfinfo, ListingsRefusalsAndExitCodes) {
     const std::string short_listing = head(0, 1, "short", 1) + release_lines(0, 0, 0, 0, "");
     ImageBuilder many;
     for (int i = 0; i < 21; ++i)
-        many.add_data("p" + std::to_string(i), mkzunf::to_bytes("x"));
+        many.add_data(cat("p", std::to_string(i)), mkzunf::to_bytes("x"));
     const std::string no_header = "zunfinfo: no header\n";
     const std::string failed = "zunfinfo: loading ZUNF failed.\n";
     const std::string no_data = "zunfinfo: File contains no data.\n";

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/cat.hpp"
+
 #include "front/fd_capture.hpp"
 
 namespace {
@@ -206,14 +208,13 @@ TEST(KivCmdline, OptionGrammar) {
 }
 
 TEST(KivCmdline, PathValuesFitTheirFieldsOrAreRefused) {
-    const std::string longest = "/" + chars(98);
+    const std::string longest = cat("/", chars(98));
     for (const char *name : {"cfg", "cfgbak", "lockfile", "autosetfile", "activesetfile"}) {
         SCOPED_TRACE(name);
         const std::string option = std::string("-") + name + "=";
         Parsed fits = parse({option + longest, "x"});
         EXPECT_EQ(fits.err, "");
-        EXPECT_NE(fits.fields.find(" " + std::string(name) + "=" + longest + " "),
-                  std::string::npos);
+        EXPECT_NE(fits.fields.find(cat(" ", name, "=", longest, " ")), std::string::npos);
         Parsed over = parse({option + longest + "q", "x"});
         EXPECT_EQ(over.result, KIV_EXIT_SYNTAX);
         EXPECT_EQ(over.err, option.substr(0, option.size() - 1) + " value too long.\n");

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/cat.hpp"
+
 #include "support/sandbox.hpp"
 
 namespace {
@@ -165,7 +167,7 @@ TEST(KivFrontE2e, RefusedCommandLines) {
     std::vector<std::string> twenty = {"getrh"};
     for (int i = 1; i < 20; ++i)
         twenty.push_back(std::to_string(i));
-    const std::string too_long = "/" + std::string(5000, 'x');
+    const std::string too_long = cat("/", std::string(5000, 'x'));
     const std::vector<std::pair<std::vector<std::string>, std::string>> rows = {
         {{"-v"}, "ACTION is missing.\n"},
         {{"-meta=x", "help"}, "-meta syntax failure.\n"},

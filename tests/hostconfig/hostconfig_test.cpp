@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/cat.hpp"
 #include "common/hcdecode.hpp"
 #include "common/temp_dir.hpp"
 
@@ -41,7 +42,7 @@ std::size_t offset_of(const hostconfig *hc, int part) {
 Bytes n_parts(int n) {
     std::vector<hcdecode::NewPart> parts;
     for (int i = 0; i < n; ++i)
-        parts.push_back({"p" + std::to_string(i), {static_cast<std::uint8_t>(i)}});
+        parts.push_back({cat("p", std::to_string(i)), {static_cast<std::uint8_t>(i)}});
     return hcdecode::encode_image(parts);
 }
 

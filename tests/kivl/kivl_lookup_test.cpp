@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/cat.hpp"
+
 #include <cstring>
 #include <memory>
 #include <string>
@@ -182,7 +184,7 @@ TEST(KivlPools, TwentyPartitionsInOnePoolAndTwentyPools) {
 
     auto many = new_data();
     for (int i = 0; i < 20; ++i)
-        use_partition(*many, i, ("p" + std::to_string(i)).c_str());
+        use_partition(*many, i, cat("p", std::to_string(i)).c_str());
     kivl_partpool_generate(many.get());
     EXPECT_EQ(many->pools_count, 20u);
     EXPECT_EQ(kivl_partpool_items_count(many.get(), "p19"), 1);

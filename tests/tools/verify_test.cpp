@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "common/cat.hpp"
 #include "common/temp_dir.hpp"
 #include "front/fd_capture.hpp"
 #include "kivl/kivl.hpp"
@@ -205,7 +206,7 @@ TEST(DevicePath, PatternsAndBounds) {
         int pn;
         std::string path; // "" when refused
     };
-    const std::string long_dir = "/" + std::string(94, 'd') + "/"; // 96 characters
+    const std::string long_dir = cat("/", std::string(94, 'd'), "/"); // 96 characters
     const std::vector<Row> rows = {
         {"/dev/mtd%i", 5, "/dev/mtd5"},
         {"/dev/mtd%d", 19, "/dev/mtd19"},

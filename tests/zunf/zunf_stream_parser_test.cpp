@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/cat.hpp"
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -182,7 +184,7 @@ ImageBuilder release_image() {
 Bytes parts_image(std::size_t n) {
     ImageBuilder b;
     for (std::size_t i = 0; i < n; ++i)
-        b.add_data("p" + std::to_string(i), text(std::string(i % 5, 'q')));
+        b.add_data(cat("p", std::to_string(i)), text(std::string(i % 5, 'q')));
     return b.build();
 }
 
