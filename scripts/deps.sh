@@ -8,6 +8,9 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
     libfuse3-dev fuse3 mtd-utils
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
+    g++-aarch64-linux-gnu binutils-aarch64-linux-gnu
+    groff bash-completion lintian dpkg-dev libssl-dev openssl strace
+    qemu-system-x86 busybox-static cpio
 )
 
 missing=()

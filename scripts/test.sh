@@ -25,5 +25,5 @@ cmake --build build-asan -j"$jobs"
 ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0 \
     ctest --test-dir build-asan --output-on-failure -j"$jobs" --timeout 300 -L 'unit|e2e'
 
-echo "== ARM (armhf) cross build of kiv"
-scripts/build-arm.sh
+echo "== ARM cross builds of kiv (armhf, arm64) and their packages"
+scripts/build-cross.sh
