@@ -219,6 +219,8 @@ int kiv_install(kiv_options *options) {
         kiv_log(LOG_ERR, "install: invalid set idx?\n");
         return 1;
     }
+    // The hooks see the requested set from the start: 255 while it is to be autodetected.
+    ctx.setidx = static_cast<std::uint8_t>(requested);
 
     if (load(options, &data, &hc) != 1) {
         kiv_log_both(LOG_NOTICE, "install: hostcfg loading failed.\n");
