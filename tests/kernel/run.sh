@@ -1,0 +1,204 @@
+#!/usr/bin/env bash
+# Holds the flash simulator to the kernel's own MTD character driver: runs scenario.sh
+# once on real /dev/mtdN devices (Debian's amd64 kernel booted under qemu, software
+# emulation, devices in the default sandbox layout) and once in kiv-sandbox, then compares
+# exit statuses, outputs and final flash contents command by command. A difference fails
+# the test unless it is one the driver explains (listed in explain() below).
+#
+# Usage: run.sh KIV KIV_SANDBOX MKZUNF WORKDIR
+#   WORKDIR keeps the downloaded kernel (WORKDIR/cache) between runs; WORKDIR/run holds
+#   the last run: the two reports, the VM console, the initramfs tree.
+# Needs: qemu-system-x86_64, busybox (static), cpio, apt-get with the Debian mirror.
+# Exit: 0 same behaviour, 1 unexplained difference or failure, 77 a host tool is missing.
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+kiv=$(realpath "$1") sandbox=$(realpath "$2") mkzunf=$(realpath "$3") work=$4
+layout=$here/../../tools/sandbox/default.layout
+cache=$work/cache run=$work/run
+# qemu's own limit; the whole test is bounded by CTest's TIMEOUT as well.
+vm_timeout=300
+
+say() { printf 'kernel_mtd: %s\n' "$*"; }
+die() {
+    say "FAIL: $*"
+    exit 1
+}
+
+if [ "$(uname -m)" != x86_64 ]; then
+    say "SKIP: the VM runs the host's kiv and busybox, which must be x86_64"
+    exit 77
+fi
+for tool in qemu-system-x86_64 busybox cpio gzip apt-get dpkg-deb; do
+    if ! command -v "$tool" >/dev/null; then
+        say "SKIP: $tool is missing (scripts/deps.sh installs it)"
+        exit 77
+    fi
+done
+busybox=$(command -v busybox)
+ldd "$busybox" >/dev/null 2>&1 && die "$busybox is not static (busybox-static)"
+
+rm -rf "$run"
+mkdir -p "$cache" "$run/images" "$run/root"
+start=$SECONDS
+
+# --- The kernel: the package linux-image-amd64 points at, unpacked into the cache. ------
+kernel_package() {
+    apt-cache depends linux-image-amd64 2>/dev/null |
+        sed -n 's/^ *Depends: \(linux-image-[0-9][^ ]*-amd64\)$/\1/p; T; q'
+}
+pkg=$(kernel_package)
+if [ -z "$pkg" ]; then
+    apt-get update -qq >/dev/null 2>&1 || true
+    pkg=$(kernel_package)
+fi
+if [ -z "$pkg" ]; then
+    # No package lists (offline): whatever an earlier run left in the cache.
+    pkg=$(find "$cache" -maxdepth 1 -name 'linux-image-*' -type d -printf '%f\n' | sort | tail -n 1)
+    [ -n "$pkg" ] || die "cannot tell which kernel package linux-image-amd64 is"
+fi
+kdir=$cache/$pkg
+if [ ! -e "$kdir/.unpacked" ]; then
+    rm -rf "${cache:?}"/linux-image-*
+    say "fetching $pkg"
+    (cd "$cache" && timeout 240 apt-get download -q "$pkg" >/dev/null 2>&1) ||
+        die "apt-get download $pkg failed"
+    # Only what the VM boots with: the whole package unpacks to some 400 MB.
+    mkdir -p "$kdir"
+    dpkg-deb --fsys-tarfile "$cache"/"$pkg"_*.deb | tar -x -C "$kdir" --wildcards \
+        './boot/vmlinuz-*' '*/drivers/mtd/mtd.ko' '*/drivers/mtd/devices/phram.ko'
+    rm -f "$cache"/*.deb
+    touch "$kdir/.unpacked"
+fi
+vmlinuz=$(find "$kdir/boot" -name 'vmlinuz-*' -print -quit)
+for m in mtd phram; do
+    [ -n "$(find "$kdir" -name "$m.ko")" ] || die "$pkg has no $m.ko"
+done
+say "kernel $pkg"
+
+# --- Release images, the same files for both sides. ------------------------------------
+# release FILE VERSION APPL_VERSION APPL_FILL: kernel and root file system 2.1.7, the
+# application in its own version (so that 2.1.8 changes the application only).
+release() {
+    "$mkzunf" image -o "$run/images/$1" "${@:5}" \
+        -e "release version=$2 date=2026-11-01T12:00:00 build_id=REL-$2 products=demo-board text=\"Demo release $2\"" \
+        -e 'kivm line=2,KNL,0,-,-,-,2.1.7,1' \
+        -e 'kivm line=3,ROOT,0,/,squashfs,-,2.1.7,1' \
+        -e "kivm line=4,APPL,0,/mnt/appl,jffs2,-,$3,3" \
+        -e 'software name=KNL version=2.1.7 build_id=g1a2b3c size=70000 fill=0x4b' \
+        -e 'software name=ROOT version=2.1.7 build_id=g1a2b3c size=150000 fill=0x52' \
+        -e "software name=APPL version=$3 build_id=g1a2b3c size=90000 fill=$4"
+}
+release release-2.1.7.zunf 2.1.7 2.1.7 0x41
+release release-2.1.8.zunf 2.1.8 2.1.8 0x61
+release bad-magic.zunf 2.1.9 2.1.9 0x71 --bad-magic=2
+release bad-part-crc.zunf 2.1.9 2.1.9 0x71 --bad-part-body-crc=4
+release bad-part-header.zunf 2.1.9 2.1.9 0x71 --bad-part-hdr-crc=3
+release bad-truncated.zunf 2.1.9 2.1.9 0x71 --truncate=200000
+
+# --- The VM: busybox, kiv with the libraries it is linked with, two modules. -------------
+root=$run/root
+mkdir -p "$root"/{bin,dev,etc,proc,sys,lib/modules}
+cp "$here/init" "$root/init"
+cp "$here/scenario.sh" "$root/scenario.sh"
+cp "$busybox" "$root/bin/busybox"
+cp "$kiv" "$root/bin/kiv"
+ldd "$kiv" | grep -o '/[^ ]*' | while read -r lib; do
+    mkdir -p "$root$(dirname "$lib")"
+    cp -L "$lib" "$root$lib"
+done
+find "$kdir" \( -name mtd.ko -o -name phram.ko \) -exec cp {} "$root/lib/modules/" \;
+cp -r "$run/images" "$root/images"
+mknod -m 600 "$root/dev/console" c 5 1
+# The layout as "N SIZE ERASESIZE" in bytes, device numbers in order.
+bytes() {
+    local v=$1 m=1
+    case $v in
+        *[kK]) m=1024 ;;
+        *[mM]) m=1048576 ;;
+        *[gG]) m=1073741824 ;;
+    esac
+    echo $((${v%[kKmMgG]} * m))
+}
+while read -r -a words; do
+    [[ ${words[0]:-} == mtd* ]] || continue
+    if [ "${words[0]}" = mtd ]; then n=${words[1]}; else n=${words[0]#mtd}; fi
+    size=0 erase=65536
+    for w in "${words[@]}"; do
+        case $w in
+            size=*) size=$(bytes "${w#size=}") ;;
+            erase=*) erase=$(bytes "${w#erase=}") ;;
+            locked) die "phram cannot lock a device (mtd$n)" ;;
+        esac
+    done
+    echo "$n $size $erase"
+done < <(sed 's/#.*//' "$layout") | sort -n >"$root/etc/flash.layout"
+[ "$(awk 'NR - 1 != $1' "$root/etc/flash.layout")" = "" ] || die "layout devices are not 0..N"
+flash_total=$(awk '{ t += $2 } END { print t }' "$root/etc/flash.layout")
+(cd "$root" && find . | cpio -o -H newc --quiet | gzip -1) >"$run/initramfs.gz"
+
+# The flash is RAM above 128 MiB that the kernel leaves alone (memmap=SIZE$START).
+flash_base=$((128 << 20))
+flash_mib=$(((flash_total + (1 << 20) - 1) >> 20))
+mem_mib=$((128 + flash_mib + 64))
+say "booting the VM ($mem_mib MiB, flash ${flash_mib} MiB)"
+vm_start=$SECONDS
+set +e
+timeout "$vm_timeout" qemu-system-x86_64 -nodefaults -machine pc -accel tcg -smp 1 \
+    -m "$mem_mib" -display none -no-reboot -nic none \
+    -kernel "$vmlinuz" -initrd "$run/initramfs.gz" \
+    -append "console=ttyS0 KIVSET=SET1 panic=-1 quiet memmap=${flash_mib}M\$$flash_base kiv_flash=$flash_base" \
+    -serial "file:$run/console.log" -serial "file:$run/vm.report" </dev/null
+qemu_status=$?
+set -e
+say "VM ran $((SECONDS - vm_start)) s (qemu status $qemu_status)"
+if ! tail -n 1 "$run/vm.report" 2>/dev/null | grep -qx '=== end'; then
+    tail -n 30 "$run/console.log" 2>/dev/null || true
+    die "the VM did not finish the scenario (console: $run/console.log)"
+fi
+sed -i '$d' "$run/vm.report"
+
+# --- The simulator: the same session in the sandbox, default layout and command line. ----
+set +e
+(cd "$run/images" && timeout 150 "$sandbox" --dir "$run/sandbox" --timeout 120 \
+    --cmdline "console=ttyS0 KIVSET=SET1" --keep "$(dirname "$kiv")" --keep "$here" -- \
+    "$busybox" sh "$here/scenario.sh" "$kiv") >"$run/sandbox.report" 2>&1
+sandbox_status=$?
+set -e
+[ "$sandbox_status" = 0 ] || die "kiv-sandbox exited $sandbox_status (report: $run/sandbox.report)"
+
+# --- Comparison. -------------------------------------------------------------------------
+# explain SIDE: the report of one side with every difference the driver explains replaced
+# by a note that is the same on both sides, after checking that the difference is the
+# expected one.
+#
+# Backup copy on /dev/mtd2. kiv writes the backup only when MEMISLOCKED answers "not
+# locked". The simulator answers 0, as a NOR flash driver with lock support does; phram
+# (like mtdram and block2mtd) has no lock operation, so the kernel answers EOPNOTSUPP and
+# kiv runs without the backup: mtd2 stays erased in the VM.
+erased_md5=$(head -c 131072 /dev/zero | tr '\0' '\377' | md5sum | cut -d' ' -f1)
+explain() {
+    awk -v side="$1" -v erased="$erased_md5" '
+        /^### flash mtd2$/ { mtd2 = 1; print; next }
+        mtd2 && /\/dev\/mtd2$/ {
+            mtd2 = 0
+            if (side == "vm" && $1 != erased) print "mtd2 was written in the VM"
+            else if (side == "sim" && $1 == erased) print "mtd2 holds no backup copy in the sandbox"
+            else print "(backup copy: explained, see run.sh)"
+            next
+        }
+        { print }'
+}
+explain vm <"$run/vm.report" >"$run/vm.compared"
+explain sim <"$run/sandbox.report" >"$run/sandbox.compared"
+
+steps=$(grep -c '^### ' "$run/sandbox.report" || true)
+say "$steps steps; wall time $((SECONDS - start)) s"
+if ! diff -u --label kernel "$run/vm.compared" --label sandbox "$run/sandbox.compared" \
+    >"$run/report.diff"; then
+    cat "$run/report.diff"
+    die "kernel and simulator differ (reports in $run)"
+fi
+grep -q '^### flash mtd19$' "$run/sandbox.report" || die "the scenario stopped early"
+say "explained: mtd2 holds the backup copy only in the sandbox (no MEMISLOCKED in phram)"
+say "PASS: kernel MTD devices and simulator agree"
