@@ -1,0 +1,260 @@
+#!/usr/bin/env bash
+# The integrator examples (examples/) run the way an integrator runs them: the plug-ins
+# preloaded into kiv on the simulated device, the boot script across simulated reboots,
+# and the build the Yocto and Buildroot recipes ask for.
+#
+# Usage: examples_test.sh plugin|signed-release|boot|recipes
+# Environment (tests/examples/CMakeLists.txt sets it): KIV, KIV_SANDBOX, MKZUNF,
+# KIV_TRACE_PLUGIN, KIV_SIGNED_PLUGIN, KIV_SOURCE_DIR, KIV_RECIPE_BUILD, CMAKE.
+# KIV_TEST_KEEP=1 keeps the scratch directory.
+set -euo pipefail
+
+examples=$KIV_SOURCE_DIR/examples
+work=$(mktemp -d "${TMPDIR:-/tmp}/kiv-examples.XXXXXX")
+if [ -n "${KIV_TEST_KEEP:-}" ]; then echo "keeping $work"; else trap 'rm -rf "$work"' EXIT; fi
+export KIV
+
+fail() {
+    echo "FAIL: $*" >&2
+    exit 1
+}
+
+# on DEVICE [SANDBOX-OPTIONS] -- COMMAND...: one boot of the simulated device DEVICE.
+on() {
+    local dev=$1
+    shift
+    timeout 60 "$KIV_SANDBOX" --dir "$work/$dev" --keep "$work" "$@"
+}
+
+# describe DEVICE: the partitions, pools and sets of the demonstration device.
+describe() {
+    # shellcheck disable=SC2016 # $KIV is the device shell's
+    on "$1" -- /bin/sh -ec '
+        k() { "$KIV" "$@" >/dev/null; }
+        k initialize
+        k partinfo 7 KNL-SAFE 0x200000 -offset=180000
+        k partinfo 8 ROOT-SAFE 0x800000 -offset=380000 -fstype=squashfs -mount=/
+        k partinfo 19 APPL-SAFE 0x600000 -offset=E00000 -fstype=jffs2 -mount=/mnt/appl
+        for pn in 9 10; do k partinfo $pn KNL 0x40000; done
+        for pn in 11 12; do k partinfo $pn ROOT 0x40000 -fstype=squashfs -mount=/; done
+        for pn in 13 14; do k partinfo $pn APPL 0x40000 -fstype=jffs2 -mount=/mnt/appl; done
+        k partset 0 SAFESET -refs=7,8,19
+        k partset 1 SET1 -refs=9,11,13
+        k partset 2 SET2 -refs=10,12,14' >/dev/null 2>&1 || fail "describing $1"
+}
+
+# release FILE VERSION APPLICATION-TEXT: kernel, root file system and application.
+release() {
+    "$MKZUNF" image -o "$1" -e "release version=$2 build_id=REL-$2 products=demo-board" \
+        -e 'kivm line=2,KNL,0,-,-,-,2.1.7,1' -e 'kivm line=3,ROOT,0,/,squashfs,-,2.1.7,1' \
+        -e "kivm line=4,APPL,0,/mnt/appl,jffs2,-,$2,3" \
+        -e 'software name=KNL version=2.1.7 size=70000 fill=0x4b' \
+        -e 'software name=ROOT version=2.1.7 size=150000 fill=0x52' \
+        -e "software name=APPL version=$2 text=$3" || fail "mkzunf $1"
+}
+
+# The flash of a device, as one checksum line per image.
+flash_sums() { (cd "$work/$1/flash" && cksum ./*.img); }
+
+# --- plugin: every hook of examples/plugin traced, in order, with its arguments --------
+
+# trace_case NAME DEVICE EXIT [SANDBOX-OPTIONS --] KIV-ARGS...; the expected trace on
+# standard input, IMG and SIZE standing for the image and its size. Consecutive
+# data_rcvd lines count as their last one.
+trace_case() {
+    local name=$1 dev=$2 want_exit=$3 trace=$work/$1.trace exit=0
+    shift 3
+    local options=() want got
+    if [[ " $* " == *" -- "* ]]; then
+        while [ "$1" != -- ]; do options+=("$1") && shift; done
+        shift
+    fi
+    want=$(sed -e "s|IMG|$work/r1.zunf|g" -e "s|SIZE|$(stat -c %s "$work/r1.zunf")|g")
+    on "$dev" "${options[@]}" -- env LD_PRELOAD="$KIV_TRACE_PLUGIN" KIV_TRACE_FILE="$trace" \
+        "$KIV" "$@" >"$work/$name.out" 2>&1 || exit=$?
+    got=$(awk '/_data_rcvd / { last = $0; next } last != "" { print last; last = "" } { print }
+               END { if (last != "") print last }' "$trace" 2>/dev/null || true)
+    [ "$exit" = "$want_exit" ] || fail "$name: exit $exit, not $want_exit: $(cat "$work/$name.out")"
+    [ "$got" = "$want" ] || fail "$name: trace"$'\n'"$got"$'\n'"instead of"$'\n'"$want"
+    # The same lines reach the system log.
+    grep -qF "KIV	trace: $(tail -n 1 "$trace")" "$work/$dev/syslog" || fail "$name: not in syslog"
+}
+
+case_plugin() {
+    release "$work/r1.zunf" 2.1.7 application
+    describe dev
+    trace_case install dev 0 install "$work/r1.zunf" -1 -test <<'EOF'
+kiv_install_hook_data_rcvd set=1 received=SIZE size=SIZE
+kiv_install_hook_pre_metainstall set=1 image=IMG size=SIZE release=2.1-7 id=REL-2.1.7
+kiv_install_hook_pre_install set=1 active=0 plan=KNL:write,ROOT:write,APPL:write
+kiv_install_hook_post_write_out set=1 active=0
+kiv_install_hook_post_activate set=1 active=1 test=1 dryrun=0
+EOF
+    trace_case activate dev 0 activate SET1 <<'EOF'
+kiv_activate_hook_post active=1 name=SET1 device=/dev/mtd%i hostconfig_parts=1
+EOF
+    # Set 2's kernel partition refuses the write: the install fails after the write-out.
+    describe dev2
+    trace_case write-fails dev2 1 --fault write:mtd10:0 -- install "$work/r1.zunf" 2 <<'EOF'
+kiv_install_hook_data_rcvd set=2 received=SIZE size=SIZE
+kiv_install_hook_pre_metainstall set=2 image=IMG size=SIZE release=2.1-7 id=REL-2.1.7
+kiv_install_hook_pre_install set=2 active=0 plan=KNL:write,ROOT:write,APPL:write
+kiv_install_hook_post_write_out set=2 active=0
+kiv_install_hook_on_failure set=2 result=1
+EOF
+    # Blank flash: no hostconfig to load, no default to rebuild it from. The hook lets the
+    # install go on, and the planning finds no pools while the image arrives.
+    trace_case lost-hostconfig blank 9 install "$work/r1.zunf" 2 <<'EOF'
+kiv_install_hook_hcfg_fail set=2 rebuild=0
+kiv_install_hook_data_rcvd set=2 received=SIZE size=SIZE
+EOF
+}
+
+# --- signed-release: only images signed with the device's key are installed ------------
+
+case_signed_release() {
+    local keys=$work/keys
+    mkdir -p "$keys"
+    for k in good other; do
+        openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$keys/$k.pem" \
+            2>/dev/null
+        openssl pkey -in "$keys/$k.pem" -pubout -out "$keys/$k.pub.pem"
+    done
+    sign() { openssl dgst -sha256 -sign "$keys/$1.pem" -out "$work/$2.sig" "$work/$2"; }
+    # "tampered" differs from "signed" in one bit of the application ('A' 0x41, 'C' 0x43),
+    # its CRCs made right again: only the signature can tell.
+    release "$work/signed.zunf" 2.1.7 application-A
+    release "$work/tampered.zunf" 2.1.7 application-C
+    cp "$work/signed.zunf" "$work/other-key.zunf"
+    cp "$work/signed.zunf" "$work/unsigned.zunf"
+    sign good signed.zunf
+    cp "$work/signed.zunf.sig" "$work/tampered.zunf.sig"
+    sign other other-key.zunf
+    describe dev
+
+    # CASE IMAGE PUBLIC-KEY EXIT MESSAGE
+    while read -r name image key want_exit message; do
+        local before exit=0 lines
+        before=$(flash_sums dev)
+        lines=$(wc -l <"$work/dev/events")
+        on dev -- env LD_PRELOAD="$KIV_SIGNED_PLUGIN" KIV_RELEASE_PUBKEY="$keys/$key" \
+            "$KIV" install "$work/$image" 1 >"$work/$name.out" 2>&1 || exit=$?
+        [ "$exit" = "$want_exit" ] || fail "$name: exit $exit, not $want_exit: $(cat "$work/$name.out")"
+        message=${message//IMG/$work/$image}
+        message=${message//KEY/$keys/$key}
+        if [ "$want_exit" = 0 ]; then
+            grep -qF "KIV	signed-release: $message" "$work/dev/syslog" || fail "$name: syslog"
+            [ "$(flash_sums dev)" != "$before" ] || fail "$name: nothing installed"
+            continue
+        fi
+        grep -qxF "signed-release: refusing $work/$image: $message" "$work/$name.out" ||
+            fail "$name: message: $(cat "$work/$name.out")"
+        grep -qF "KIV	signed-release: refusing $work/$image: $message" "$work/dev/syslog" ||
+            fail "$name: not in syslog"
+        [ "$(flash_sums dev)" = "$before" ] || fail "$name: the flash changed"
+        ! tail -n +$((lines + 1)) "$work/dev/events" | grep -E '^(erase|write) ' ||
+            fail "$name: erased or wrote"
+    done <<'EOF'
+tampered   tampered.zunf  good.pub.pem  21 signature IMG.sig does not match it (public key KEY)
+other-key  other-key.zunf good.pub.pem  21 signature IMG.sig does not match it (public key KEY)
+unsigned   unsigned.zunf  good.pub.pem  20 cannot read signature IMG.sig: No such file or directory
+no-key     signed.zunf    missing.pem   22 cannot load public key KEY: No such file or directory
+signed     signed.zunf    good.pub.pem  0  IMG: signature IMG.sig verified with KEY
+EOF
+}
+
+# --- boot: the boot script and the simulated boot loader across reboots -----------------
+
+# The set the last boot started, the active set and the states of sets 1 and 2 (VALID,
+# TEST, BOOT as V, T, B) of the device "dev".
+boot_status() {
+    local cmdline booted active stored states=""
+    cmdline=$(cat "$work/dev/cmdline")
+    booted=$(grep -o 'KIVSET=[A-Z0-9]*' <<<"$cmdline" | cut -d= -f2)
+    active=$(on dev --cmdline "$cmdline" -- "$KIV" getrh active |
+        sed -n 's/^# Selected Partition Set: //p')
+    for stored in $(od -An -tu1 -j 131070 -N2 "$work/dev/flash/mtd5.img"); do
+        case $((~stored & 3)) in 1) states+=T ;; 3) states+=B ;; *) states+=V ;; esac
+    done
+    echo "$booted $active $states"
+}
+
+case_boot() {
+    local loader=$examples/boot/sim-bootloader.sh script=$examples/boot/kiv-boot.sh
+    release "$work/r1.zunf" 2.1.7 application-1
+    release "$work/r2.zunf" 2.1.8 application-2
+    describe dev
+    # boot HEALTH: the boot loader, then the boot script with that health check; crash: the
+    # boot loader, then nothing (the new release never reaches the boot script); install
+    # and verify run on the system that booted last.
+    local step arg want_exit want exit got
+    while read -r step arg want_exit want; do
+        [[ -z "$step" || "$step" == "#"* ]] && continue
+        exit=0
+        case $step in
+            boot) on dev -- env KIV_BOOT_REBOOT=true sh "$loader" sh "$script" "$arg" ;;
+            crash) on dev -- sh "$loader" ;;
+            install | verify)
+                local args=("$arg") && [ "$step" = install ] && args=("$work/$arg" -1 -test)
+                on dev --cmdline "$(cat "$work/dev/cmdline")" -- "$KIV" "$step" "${args[@]}" ;;
+        esac >"$work/step.out" 2>&1 || exit=$?
+        got="$exit $(boot_status)"
+        want=$(tr -s ' ' <<<"$want_exit $want")
+        [ "$got" = "$want" ] ||
+            fail "$step $arg: got '$got', not '$want'"$'\n'"$(cat "$work/step.out")"
+    done <<'EOF'
+# STEP   ARG      EXIT  BOOTED   ACTIVE  STATES
+boot     true     0     SAFESET  0       VV
+install  r1.zunf  0     SAFESET  1       TV
+boot     true     0     SET1     1       VV
+# A release that fails its health check: back to set 1, which still verifies.
+install  r2.zunf  0     SET1     2       VT
+boot     false    1     SET2     1       VV
+boot     true     0     SET1     1       VV
+verify   SET1     0     SET1     1       VV
+# A release that never gets as far as the boot script: the boot loader falls back.
+install  r2.zunf  0     SET1     2       VT
+crash    -        0     SET2     2       VB
+boot     true     0     SET1     1       VV
+# A release that passes: it stays.
+install  r2.zunf  0     SET1     2       VT
+boot     true     0     SET2     2       VV
+boot     true     0     SET2     2       VV
+verify   SET2     0     SET2     2       VV
+EOF
+}
+
+# --- recipes: the build the Yocto and Buildroot recipes ask for ---------------------------
+
+# Both recipes configure kiv with the same options; with exactly those, kiv configures,
+# builds and installs the device's files and nothing else (Yocto refuses a package whose
+# build installs files that no package ships).
+case_recipes() {
+    local opts build=$KIV_RECIPE_BUILD dest=$work/dest files extra
+    opts=$(grep -o -- '-DKIV_[A-Z_]*=[A-Z0-9]*' "$examples/yocto/kiv_git.bb" | sort)
+    [ -n "$opts" ] || fail "kiv_git.bb sets no kiv option"
+    [ "$opts" = "$(grep -o -- '-DKIV_[A-Z_]*=[A-Z0-9]*' "$examples/buildroot/kiv.mk" | sort)" ] ||
+        fail "kiv_git.bb and kiv.mk configure kiv differently"
+    # The build directory is kept between runs: a rerun builds only what changed.
+    # shellcheck disable=SC2086 # one option a word
+    if ! "$CMAKE" -S "$KIV_SOURCE_DIR" -B "$build" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_INSTALL_PREFIX=/usr $opts >"$work/build.out" 2>&1 ||
+        ! "$CMAKE" --build "$build" -j2 >>"$work/build.out" 2>&1 ||
+        ! DESTDIR=$dest "$CMAKE" --install "$build" >>"$work/build.out" 2>&1; then
+        fail "configure, build or install: $(tail -n 20 "$work/build.out")"
+    fi
+    files=$(cd "$dest" && find . ! -type d | sort)
+    [ -x "$dest/usr/bin/kiv" ] || fail "no usr/bin/kiv in: $files"
+    cmp "$dest/usr/include/kiv_plugin.h" "$KIV_SOURCE_DIR/include/kiv_plugin.h" ||
+        fail "usr/include/kiv_plugin.h is not include/kiv_plugin.h"
+    local shipped='bin/kiv|include/kiv_plugin\.h|share/man/man[1-8]/kiv[^/]*|share/doc/kiv/[^/]+'
+    shipped+='|share/bash-completion/completions/kiv'
+    extra=$(grep -vxE "\./usr/($shipped)" <<<"$files" || true)
+    [ -z "$extra" ] || fail "installed besides the device's files:"$'\n'"$extra"
+}
+
+case ${1:-} in
+    plugin | signed-release | boot | recipes) "case_${1//-/_}" ;;
+    *) fail "usage: $0 plugin|signed-release|boot|recipes" ;;
+esac
+echo "ok: $1"
