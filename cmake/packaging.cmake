@@ -51,11 +51,11 @@ kiv_install_package_docs(kiv device)
 set(KIV_COMPONENTS device)
 
 if(KIV_BUILD_TOOLS)
-  install(TARGETS kiv-flashsim kiv-sandbox mkzunf RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  install(TARGETS kiv-flashsim kiv-sandbox kiv-powercut mkzunf RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
           COMPONENT workstation)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/sandbox/default.layout
           DESTINATION ${CMAKE_INSTALL_DATADIR}/kiv-tools COMPONENT workstation)
-  foreach(page mkzunf.1 kiv-sandbox.1 kiv-flashsim.1)
+  foreach(page mkzunf.1 kiv-sandbox.1 kiv-flashsim.1 kiv-powercut.1)
     kiv_install_man(${page} workstation)
   endforeach()
   kiv_install_package_docs(kiv-tools workstation)
