@@ -382,7 +382,7 @@ int main(int argc, char **argv) {
         dirty.devices.insert(ran.devices.begin(), ran.devices.end());
 
         const char *mark = "ok";
-        if (status == o.expected) {
+        if (status > 0 && status == o.expected) {
             ++expected;
             mark = "expected";
         } else if (status != 0) {
