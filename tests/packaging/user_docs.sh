@@ -10,7 +10,7 @@ mode=$1 src=$2
 
 case $mode in
 man)
-    for page in kiv mkzunf kiv-sandbox kiv-flashsim; do
+    for page in kiv mkzunf kiv-sandbox kiv-flashsim kiv-powercut; do
         f=$src/docs/man/$page.1
         out=$(groff -ww -z -man "$f" 2>&1) || out+=" (groff failed)"
         if command -v man >/dev/null; then

@@ -14,6 +14,13 @@
 //          `- COMMAND
 // The sandbox owns the /dev/log socket and copies its messages to the syslog
 // file until init reports that COMMAND and everything it started are gone.
+//
+// This file: the options, RUNDIR, starting the simulator and init, and the
+// event loop that relays the log and the terminal until the run ends.  The
+// mounts are in sandbox_mounts.cpp, init in sandbox_init.cpp, the log lines
+// in sandbox_syslog.cpp.
+
+#include "sandbox.hpp"
 
 #include "simconfig.hpp"
 
@@ -23,6 +30,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -32,13 +40,9 @@
 #include <sched.h>
 #include <string>
 #include <sys/file.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -48,36 +52,7 @@
 #define KIV_FLASHSIM_DEFAULT ""
 #endif
 
-namespace {
-
-constexpr int kExitFailure = 125;   // the sandbox itself failed
-constexpr int kExitCannotRun = 126; // COMMAND found but not executable
-constexpr int kExitNotFound = 127;  // COMMAND not found
-constexpr int kExitTimeout = 124;
-constexpr int kExitPowercut = 128 + SIGKILL;
-constexpr int kReadyTimeoutMs = 10000;
-constexpr const char *kStage = "/dev/.flashsim";
-
-struct Options {
-    std::string dir;
-    std::string layout_file;
-    std::string cmdline;
-    bool have_cmdline = false;
-    std::string hostcfg_default;
-    std::vector<std::string> faults;
-    std::vector<std::string> keeps;
-    double timeout = 30.0;
-    bool tty = false;
-    std::string flashsim;
-    std::vector<std::string> command;
-};
-
-// What init reports about the run.
-struct Status {
-    std::int32_t wstatus = 0;
-    std::int32_t powercut = 0;
-    std::int32_t exec_errno = 0;
-};
+namespace kiv::sandbox {
 
 [[noreturn]] void fail(const std::string &msg) {
     std::fprintf(stderr, "kiv-sandbox: %s\n", msg.c_str());
@@ -87,6 +62,69 @@ struct Status {
 [[noreturn]] void fail_errno(const std::string &what) {
     fail(what + ": " + std::strerror(errno));
 }
+
+std::string dirname_of(const std::string &path) {
+    auto slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+std::string absolute(const std::string &path) {
+    if (!path.empty() && path[0] == '/') return path;
+    char buf[PATH_MAX];
+    if (!getcwd(buf, sizeof buf)) fail_errno("getcwd");
+    return std::string(buf) + "/" + path;
+}
+
+std::string real(const std::string &path) {
+    char buf[PATH_MAX];
+    if (!realpath(path.c_str(), buf)) fail_errno(path);
+    return buf;
+}
+
+void write_file(const std::string &path, const std::string &data, mode_t mode) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    if (fd < 0) fail_errno(path);
+    std::size_t done = 0;
+    while (done < data.size()) {
+        ssize_t w = write(fd, data.data() + done, data.size() - done);
+        if (w < 0 && errno == EINTR) continue;
+        if (w < 0) fail_errno(path);
+        done += static_cast<std::size_t>(w);
+    }
+    close(fd);
+}
+
+void mkdir_p(const std::string &path, mode_t mode) {
+    std::size_t pos = 1;
+    for (;;) {
+        pos = path.find('/', pos);
+        std::string part = path.substr(0, pos);
+        if (!part.empty() && mkdir(part.c_str(), mode) != 0 && errno != EEXIST)
+            fail_errno("mkdir " + part);
+        if (pos == std::string::npos) return;
+        ++pos;
+    }
+}
+
+void write_all(int fd, const char *p, std::size_t n) {
+    while (n > 0) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) return;
+        p += w;
+        n -= static_cast<std::size_t>(w);
+    }
+}
+
+} // namespace kiv::sandbox
+
+namespace {
+
+using namespace kiv::sandbox;
+
+constexpr int kReadyTimeoutMs = 10000;
 
 [[noreturn]] void usage(int status) {
     std::fprintf(
@@ -180,65 +218,6 @@ Options parse_args(int argc, char **argv) {
     return o;
 }
 
-// ------------------------------------------------------------------ helpers
-
-std::string dirname_of(const std::string &path) {
-    auto slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    if (slash == 0) return "/";
-    return path.substr(0, slash);
-}
-
-std::string absolute(const std::string &path) {
-    if (!path.empty() && path[0] == '/') return path;
-    char buf[PATH_MAX];
-    if (!getcwd(buf, sizeof buf)) fail_errno("getcwd");
-    return std::string(buf) + "/" + path;
-}
-
-std::string real(const std::string &path) {
-    char buf[PATH_MAX];
-    if (!realpath(path.c_str(), buf)) fail_errno(path);
-    return buf;
-}
-
-bool under(const std::string &path, const std::string &dir) {
-    return path == dir || (path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
-                           path[dir.size()] == '/');
-}
-
-void write_file(const std::string &path, const std::string &data, mode_t mode) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    if (fd < 0) fail_errno(path);
-    std::size_t done = 0;
-    while (done < data.size()) {
-        ssize_t w = write(fd, data.data() + done, data.size() - done);
-        if (w < 0 && errno == EINTR) continue;
-        if (w < 0) fail_errno(path);
-        done += static_cast<std::size_t>(w);
-    }
-    close(fd);
-}
-
-void do_mount(const char *src, const char *target, const char *type, unsigned long flags,
-              const char *data = nullptr) {
-    if (mount(src, target, type, flags, data) != 0)
-        fail(std::string("mount ") + (type ? type : src) + " on " + target + ": " +
-             std::strerror(errno));
-}
-
-void mkdir_p(const std::string &path, mode_t mode = 0755) {
-    std::size_t pos = 1;
-    for (;;) {
-        pos = path.find('/', pos);
-        std::string part = path.substr(0, pos);
-        if (!part.empty() && mkdir(part.c_str(), mode) != 0 && errno != EEXIST)
-            fail_errno("mkdir " + part);
-        if (pos == std::string::npos) return;
-        ++pos;
-    }
-}
-
 void make_pipe(int fds[2]) {
     if (pipe2(fds, O_CLOEXEC) != 0) fail_errno("pipe");
 }
@@ -259,16 +238,6 @@ bool read_full(int fd, void *buf, std::size_t n) {
         n -= static_cast<std::size_t>(r);
     }
     return true;
-}
-
-void write_all(int fd, const char *p, std::size_t n) {
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return;
-        p += w;
-        n -= static_cast<std::size_t>(w);
-    }
 }
 
 // Finds COMMAND the way execvp would, so that its directory can be kept
@@ -318,88 +287,8 @@ std::string find_flashsim(const Options &o) {
     fail("cannot find kiv-flashsim (use --flashsim or KIV_FLASHSIM)");
 }
 
-// ------------------------------------------------------------------ syslog
-
-std::string escape_text(std::string_view s) {
-    std::string out;
-    out.reserve(s.size());
-    for (char c : s) {
-        switch (c) {
-        case '\n':
-            out += "\\n";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            out += c;
-        }
-    }
-    return out;
-}
-
-bool is_timestamp(std::string_view s) {
-    // "Mmm dd hh:mm:ss " as written by glibc and util-linux logger.
-    if (s.size() < 16) return false;
-    auto alpha = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'); };
-    auto digit = [](char c) { return c >= '0' && c <= '9'; };
-    return alpha(s[0]) && alpha(s[1]) && alpha(s[2]) && s[3] == ' ' &&
-           (digit(s[4]) || s[4] == ' ') && digit(s[5]) && s[6] == ' ' && digit(s[7]) &&
-           digit(s[8]) && s[9] == ':' && digit(s[10]) && digit(s[11]) && s[12] == ':' &&
-           digit(s[13]) && digit(s[14]) && s[15] == ' ';
-}
-
-std::string format_syslog(std::string_view msg) {
-    while (!msg.empty() && msg.back() == '\0')
-        msg.remove_suffix(1);
-    int pri = 8 | 5; // user.notice, what syslogd assumes without a priority
-    if (msg.size() > 2 && msg[0] == '<') {
-        std::size_t i = 1;
-        int v = 0;
-        while (i < msg.size() && i < 5 && msg[i] >= '0' && msg[i] <= '9')
-            v = v * 10 + (msg[i++] - '0');
-        if (i > 1 && i < msg.size() && msg[i] == '>') {
-            pri = v;
-            msg.remove_prefix(i + 1);
-        }
-    }
-    if (is_timestamp(msg)) msg.remove_prefix(16);
-    std::string_view ident, text = msg;
-    std::size_t colon = msg.find(": ");
-    if (colon == std::string_view::npos && !msg.empty() && msg.back() == ':')
-        colon = msg.size() - 1;
-    if (colon != std::string_view::npos &&
-        msg.substr(0, colon).find(' ') == std::string_view::npos) {
-        ident = msg.substr(0, colon);
-        text = msg.substr(std::min(colon + 2, msg.size()));
-        // Drop the "[pid]" that LOG_PID appends: pids are meaningless here.
-        if (!ident.empty() && ident.back() == ']') {
-            std::size_t lb = ident.rfind('[');
-            if (lb != std::string_view::npos) ident = ident.substr(0, lb);
-        }
-    }
-    std::string line = std::to_string(pri >> 3) + "." + std::to_string(pri & 7) + "\t";
-    line += ident;
-    line += '\t';
-    line += escape_text(text);
-    line += '\n';
-    return line;
-}
-
-void drain_log(int sock, int out_fd) {
-    static std::vector<char> buf(256 * 1024);
-    for (;;) {
-        ssize_t n = recv(sock, buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return;
-        std::string line = format_syslog(std::string_view(buf.data(), static_cast<std::size_t>(n)));
-        write_all(out_fd, line.data(), line.size());
-    }
-}
-
+// The tty relay: copies what COMMAND wrote to its terminal to our standard
+// output.  False once every writer is gone.
 bool drain_tty(int master) {
     char buf[65536];
     for (;;) {
@@ -407,163 +296,6 @@ bool drain_tty(int master) {
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return n < 0 && errno == EAGAIN; // EIO: every writer is gone
         write_all(STDOUT_FILENO, buf, static_cast<std::size_t>(n));
-    }
-}
-
-// ------------------------------------------------------------------ /dev
-
-// Host nodes, opened before /dev is replaced, for when nodes cannot be made.
-std::vector<std::pair<std::string, int>> g_host_nodes;
-
-void open_host_nodes() {
-    for (const char *name : {"null", "zero", "full", "random", "urandom", "tty", "fuse"}) {
-        int fd = open((std::string("/dev/") + name).c_str(), O_PATH | O_CLOEXEC);
-        g_host_nodes.emplace_back(name, fd);
-    }
-}
-
-void make_node(const char *name, mode_t mode, unsigned maj, unsigned min) {
-    std::string path = std::string("/dev/") + name;
-    if (mknod(path.c_str(), S_IFCHR | mode, makedev(maj, min)) == 0) {
-        chmod(path.c_str(), mode); // not subject to the umask
-        return;
-    }
-    // Where device nodes cannot be created (a container without CAP_MKNOD),
-    // the host's node is bound in instead.
-    int saved = errno;
-    for (const auto &[n, fd] : g_host_nodes) {
-        if (n != name || fd < 0) continue;
-        int f = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, mode);
-        if (f >= 0) close(f);
-        std::string src = "/proc/self/fd/" + std::to_string(fd);
-        if (mount(src.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0) return;
-        saved = errno;
-    }
-    errno = saved;
-    fail_errno("mknod " + path);
-}
-
-struct KeepMount {
-    std::string target;
-    int fd = -1;
-    bool is_dir = true;
-};
-
-// --------------------------------------------------------------------- init
-
-// pid 1 of the new pid namespace.  Never returns.
-[[noreturn]] void run_init(const Options &o, const std::string &exe, const std::string &cwd,
-                           const std::string &cmdline_file, int status_w, int lifeline_r, int cut_r,
-                           int ack_w, int tty_slave, const sigset_t &orig_mask,
-                           const struct sigaction &orig_pipe) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    auto die = [&](const std::string &msg) {
-        std::fprintf(stderr, "kiv-sandbox: %s\n", msg.c_str());
-        _exit(kExitFailure);
-    };
-    if (mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0)
-        die(std::string("mount /proc: ") + std::strerror(errno));
-    if (mount(cmdline_file.c_str(), "/proc/cmdline", nullptr, MS_BIND, nullptr) != 0)
-        die(std::string("bind /proc/cmdline: ") + std::strerror(errno));
-
-    sigset_t chld;
-    sigemptyset(&chld);
-    sigaddset(&chld, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &chld, nullptr);
-    int sfd = signalfd(-1, &chld, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (sfd < 0) die(std::string("signalfd: ") + std::strerror(errno));
-
-    int exec_pipe[2];
-    if (pipe2(exec_pipe, O_CLOEXEC) != 0) die(std::string("pipe: ") + std::strerror(errno));
-
-    pid_t child = fork();
-    if (child < 0) die(std::string("fork: ") + std::strerror(errno));
-    if (child == 0) {
-        close(exec_pipe[0]);
-        sigaction(SIGPIPE, &orig_pipe, nullptr);
-        sigprocmask(SIG_SETMASK, &orig_mask, nullptr);
-        if (tty_slave >= 0) {
-            dup2(tty_slave, STDOUT_FILENO);
-            close(tty_slave);
-        }
-        if (chdir(cwd.c_str()) != 0 && chdir("/") != 0) _exit(kExitFailure);
-        std::vector<char *> argv;
-        for (const auto &a : o.command)
-            argv.push_back(const_cast<char *>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(exe.c_str(), argv.data());
-        int e = errno;
-        ssize_t w = write(exec_pipe[1], &e, sizeof e);
-        (void)w;
-        _exit(kExitNotFound);
-    }
-    close(exec_pipe[1]);
-    if (tty_slave >= 0) close(tty_slave);
-
-    Status st;
-    bool child_done = false;
-    bool killed_all = false;
-    auto kill_all = [&] {
-        // As pid 1 of the namespace, -1 reaches every other process in it and
-        // nothing outside.  The signal is pending in all of them when kill()
-        // returns.
-        kill(-1, SIGKILL);
-        killed_all = true;
-    };
-    for (;;) {
-        // A negative descriptor (power cut already handled) is skipped by poll.
-        pollfd pfd[3] = {{sfd, POLLIN, 0}, {cut_r, POLLIN, 0}, {lifeline_r, POLLIN, 0}};
-        if (poll(pfd, 3, -1) < 0) {
-            if (errno == EINTR) continue;
-            die(std::string("poll: ") + std::strerror(errno));
-        }
-        if (pfd[2].revents) {
-            // The sandbox is gone: nothing may outlive it.
-            kill(-1, SIGKILL);
-            _exit(kExitFailure);
-        }
-        if (cut_r >= 0 && pfd[1].revents) {
-            char buf[64];
-            ssize_t n = read(cut_r, buf, sizeof buf);
-            if (n > 0) {
-                kill_all();
-                st.powercut = 1;
-                ssize_t w = write(ack_w, "K", 1);
-                (void)w;
-            }
-            close(cut_r);
-            close(ack_w);
-            cut_r = -1;
-            ack_w = -1;
-        }
-        if (pfd[0].revents) {
-            signalfd_siginfo si;
-            while (read(sfd, &si, sizeof si) > 0) {
-            }
-            for (;;) {
-                int ws = 0;
-                pid_t pid = waitpid(-1, &ws, WNOHANG);
-                if (pid > 0) {
-                    if (pid == child) {
-                        st.wstatus = ws;
-                        child_done = true;
-                        // Whatever COMMAND left behind ends with it.
-                        if (!killed_all) kill_all();
-                    }
-                    continue;
-                }
-                if (pid < 0 && errno == EINTR) continue;
-                if (pid < 0 && errno == ECHILD && child_done) {
-                    int e = 0;
-                    if (read(exec_pipe[0], &e, sizeof e) == static_cast<ssize_t>(sizeof e))
-                        st.exec_errno = e;
-                    ssize_t w = write(status_w, &st, sizeof st);
-                    (void)w;
-                    _exit(0);
-                }
-                break;
-            }
-        }
     }
 }
 
@@ -637,41 +369,8 @@ int main(int argc, char **argv) {
     // Our own mount namespace from here on.  Descriptors used as sources of
     // bind mounts are opened after this: a bind only takes mounts of the
     // caller's namespace.
-    if (unshare(CLONE_NEWNS) != 0) fail_errno("unshare(CLONE_NEWNS)");
-    // Nothing mounted from here on may show up on the host.
-    do_mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE);
-
-    // Paths that must stay reachable under the directories we replace.  Each
-    // is opened now, while the host's view is still in place, and bound back
-    // later at the same path.
-    std::vector<std::string> wanted{dirname_of(exe), dirname_of(real(exe)), rundir, cwd};
-    for (const auto &k : o.keeps) {
-        if (access(k.c_str(), F_OK) != 0) fail_errno("--keep " + k);
-        wanted.push_back(real(k));
-        wanted.push_back(absolute(k));
-    }
-    std::sort(wanted.begin(), wanted.end());
-    wanted.erase(std::unique(wanted.begin(), wanted.end()), wanted.end());
-    std::vector<KeepMount> keeps;
-    for (const auto &w : wanted) {
-        // /tmp and /mnt themselves are always fresh: keeping them would undo
-        // the point (and a recursive bind of /tmp would bring the new tmpfs
-        // along, hiding what it was meant to keep).
-        if ((!under(w, "/tmp") && !under(w, "/mnt")) || w == "/tmp" || w == "/mnt") continue;
-        // A parent already bound brings everything below it along.
-        bool covered = false;
-        for (const auto &k : keeps)
-            covered = covered || under(w, k.target);
-        if (covered) continue;
-        KeepMount k;
-        k.target = w;
-        k.fd = open(w.c_str(), O_PATH | O_CLOEXEC);
-        if (k.fd < 0) fail_errno(w);
-        struct stat st {};
-        if (fstat(k.fd, &st) != 0) fail_errno(w);
-        k.is_dir = S_ISDIR(st.st_mode);
-        keeps.push_back(k);
-    }
+    enter_mount_namespace();
+    std::vector<KeepMount> keeps = open_kept_paths(o, exe, rundir, cwd);
 
     const std::string flashsim = find_flashsim(o);
     // Opened now and started through the descriptor: its path may be under
@@ -712,48 +411,8 @@ int main(int argc, char **argv) {
     sigaction(SIGPIPE, &ign, &orig_pipe);
 
     // ---------------------------------------------------------- mounts
-
-    do_mount("tmpfs", "/dev", "tmpfs", MS_NOSUID | MS_NOEXEC, "mode=0755,size=1m");
-    make_node("null", 0666, 1, 3);
-    make_node("zero", 0666, 1, 5);
-    make_node("full", 0666, 1, 7);
-    make_node("random", 0666, 1, 8);
-    make_node("urandom", 0666, 1, 9);
-    make_node("tty", 0666, 5, 0);
-    make_node("fuse", 0600, 10, 229);
-    for (auto [name, target] : {std::pair{"fd", "/proc/self/fd"},
-                                {"stdin", "/proc/self/fd/0"},
-                                {"stdout", "/proc/self/fd/1"},
-                                {"stderr", "/proc/self/fd/2"},
-                                {"ptmx", "pts/ptmx"}}) {
-        if (symlink(target, (std::string("/dev/") + name).c_str()) != 0)
-            fail_errno(std::string("symlink /dev/") + name);
-    }
-    mkdir_p("/dev/pts");
-    // The host's pts: a terminal inherited from outside keeps a name.
-    if (pts_fd >= 0)
-        do_mount(("/proc/self/fd/" + std::to_string(pts_fd)).c_str(), "/dev/pts", nullptr,
-                 MS_BIND | MS_REC);
-    mkdir_p("/dev/shm");
-    do_mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
-    mkdir_p(kStage);
-
-    do_mount("tmpfs", "/tmp", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
-    do_mount("tmpfs", "/mnt", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755,size=1m");
-    mkdir_p("/mnt/appl");
-    do_mount("tmpfs", "/mnt/appl", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755");
-    if (!o.hostcfg_default.empty()) write_file("/mnt/appl/hostcfg.default", hostcfg, 0644);
-    for (const auto &k : keeps) {
-        if (k.is_dir) {
-            mkdir_p(k.target);
-        } else {
-            mkdir_p(dirname_of(k.target));
-            write_file(k.target, "", 0644);
-        }
-        do_mount(("/proc/self/fd/" + std::to_string(k.fd)).c_str(), k.target.c_str(), nullptr,
-                 MS_BIND | MS_REC);
-        close(k.fd);
-    }
+    populate_dev(pts_fd);
+    mount_fresh_dirs(o, hostcfg, keeps);
 
     // ---------------------------------------------------------- flash
     int ready[2], cut[2], ack[2];
@@ -812,16 +471,7 @@ int main(int argc, char **argv) {
     close(flashsim_fd);
 
     // While the simulator starts: the log socket.
-    int log_sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (log_sock < 0) fail_errno("socket");
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strcpy(addr.sun_path, "/dev/log");
-    if (bind(log_sock, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
-        fail_errno("bind /dev/log");
-    chmod("/dev/log", 0666);
-    int rcvbuf = 4 << 20;
-    setsockopt(log_sock, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof rcvbuf);
+    int log_sock = open_log_socket();
 
     {
         pollfd pfd{ready[0], POLLIN, 0};
@@ -837,18 +487,7 @@ int main(int argc, char **argv) {
         }
         close(ready[0]);
     }
-    for (const auto &m : layout.mtds) {
-        std::string name = "mtd" + std::to_string(m.index);
-        std::string dev = "/dev/" + name;
-        std::string src = std::string(kStage) + "/" + name;
-        write_file(dev, "", 0660);
-        do_mount(src.c_str(), dev.c_str(), nullptr, MS_BIND);
-    }
-    // The bound files keep the FUSE mount alive; its staging directory and
-    // the FUSE device are of no use to the command.
-    umount2(kStage, MNT_DETACH);
-    rmdir(kStage);
-    unlink("/dev/fuse");
+    bind_flash(layout);
 
     // ---------------------------------------------------------- run
     int status_pipe[2], lifeline[2];
