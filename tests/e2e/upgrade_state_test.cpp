@@ -222,48 +222,6 @@ TEST(UpgradeE2e, VerboseShowsTheCheckAndTheDump) {
     }
 }
 
-TEST(UpgradeE2e, SaveAndStateFailures) {
-    {
-        SCOPED_TRACE("hostconfig write fails");
-        Device dev;
-        state_device(1, "TB").write_to(dev);
-        RunOptions options;
-        options.faults = {"write:mtd5:0"};
-        SandboxResult r = kiv_on(dev, ACTIVATE2, options);
-        EXPECT_EQ(r.exit, 1) << r.describe();
-        // The helper's own note comes first, at the debug priority.
-        EXPECT_EQ(r.err, "hostconfig_save failed.\nactivate action: hostcfg saving failed.\n");
-        std::vector<SyslogLine> log = save_markers("activate");
-        log.push_back(logged(LOG_DEBUG, "hostconfig_save failed.\n"));
-        log.push_back(logged(LOG_CRIT, "activate action: hostcfg saving failed.\n"));
-        EXPECT_EQ(r.syslog, log);
-        EXPECT_EQ(event_index(r, STATE_WRITE), -1) << r.describe();
-    }
-    {
-        // The hostconfig in a file: the save leaves the state bytes alone, and writing
-        // them fails.
-        SCOPED_TRACE("state write fails");
-        Device dev;
-        InstalledDevice d = state_device(1, "TB");
-        d.write_to(dev);
-        const Bytes image = image_of(d.rec);
-        const std::string cfg =
-            dev.write_file("hostcfg.img", std::string(image.begin(), image.end()));
-        RunOptions options;
-        options.faults = {"write:mtd5:131070"};
-        SandboxResult r = kiv_on(dev, {"-cfg=" + cfg, "activate", "1"}, options);
-        EXPECT_EQ(r.exit, 1) << r.describe();
-        EXPECT_EQ(r.err, "cannot set normal mode\n");
-        std::vector<SyslogLine> log = save_markers("activate");
-        log.push_back(logged(LOG_CRIT, "cannot set normal mode\n"));
-        EXPECT_EQ(r.syslog, log);
-        EXPECT_EQ(states_on(dev), "TB");
-        // The new active set stays saved.
-        const Bytes saved = kiv::test::bytes_of(kiv::test::read_text_file(cfg));
-        EXPECT_EQ(hcdecode::decode_kiv_data(saved)->actset, 1);
-    }
-}
-
 // The activate hook of a plug-in written in C and preloaded: called after the save and
 // the state write with the new active set (also under -dryrun), its result ignored, never
 // called when the action fails earlier. Signals it sends during the run are only logged;
