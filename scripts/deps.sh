@@ -8,7 +8,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev zlib1g-dev
     libfuse3-dev fuse3 mtd-utils
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
-    g++-aarch64-linux-gnu binutils-aarch64-linux-gnu
+    g++-aarch64-linux-gnu binutils-aarch64-linux-gnu g++-s390x-linux-gnu binutils-s390x-linux-gnu
     groff bash-completion lintian dpkg-dev libssl-dev openssl strace
     qemu-system-x86 busybox-static cpio
 )

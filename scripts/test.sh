@@ -29,3 +29,6 @@ ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0 \
 
 echo "== ARM cross builds of kiv (armhf, arm64) and their packages"
 scripts/build-cross.sh
+
+echo "== unit tests and persisted bytes on armhf, arm64 and s390x under qemu-user"
+scripts/cross-test.sh
