@@ -9,7 +9,7 @@ packages=(
     libfuse3-dev fuse3 mtd-utils
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
     g++-aarch64-linux-gnu binutils-aarch64-linux-gnu g++-s390x-linux-gnu binutils-s390x-linux-gnu
-    groff bash-completion lintian dpkg-dev libssl-dev openssl strace
+    groff bash-completion lintian dpkg-dev libssl-dev openssl strace valgrind time
     qemu-system-x86 busybox-static cpio
 )
 

@@ -32,3 +32,6 @@ scripts/build-cross.sh
 
 echo "== unit tests and persisted bytes on armhf, arm64 and s390x under qemu-user"
 scripts/cross-test.sh
+
+echo "== benchmarks, quick (checks that every row works; the figures are not judged)"
+scripts/bench.sh --quick
