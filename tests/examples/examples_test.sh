@@ -23,7 +23,12 @@ fail() {
 on() {
     local dev=$1
     shift
-    timeout 60 "$KIV_SANDBOX" --dir "$work/$dev" --keep "$work" "$@"
+    # The build tree may lie under /tmp, which the sandbox replaces: keep what runs there.
+    local keep=(--keep "$work" --keep "$examples" --keep "$(dirname "$KIV")")
+    for lib in "${KIV_TRACE_PLUGIN:-}" "${KIV_SIGNED_PLUGIN:-}"; do
+        [ -z "$lib" ] || keep+=(--keep "$(dirname "$lib")")
+    done
+    timeout 60 "$KIV_SANDBOX" --dir "$work/$dev" "${keep[@]}" "$@"
 }
 
 # describe DEVICE: the partitions, pools and sets of the demonstration device.

@@ -12,8 +12,11 @@ export PATH
 rm -rf "$work" && mkdir -p "$work"
 work=$(cd "$work" && pwd)
 
+# The build tree may lie under /tmp, which the sandbox replaces: kiv's directory is kept.
+bindir=$(dirname "$kiv")
 on_device() { # RUNDIR CMDLINE COMMAND...
-    "$sandbox" --dir "$1" --cmdline "console=ttyS0 $2" --keep "$work" --keep "$here" -- "${@:3}"
+    "$sandbox" --dir "$1" --cmdline "console=ttyS0 $2" --keep "$work" --keep "$here" \
+        --keep "$bindir" -- "${@:3}"
 }
 
 prepare() { # RUNDIR CMDLINE COMMAND...: builds a starting state, quietly unless it fails
@@ -71,7 +74,7 @@ prepare "$work/tested2" KIVSET=SET2 kiv upgrade test
 
 # The sweep tool itself: a subset of the cut points, the operation each follows, and a
 # failing check reported as such.
-self=$("$powercut" --dir "$work/blank" --work "$work/self.sweep" --from 2 --to 5 --every 2 \
+self=$("$powercut" --dir "$work/blank" --work "$work/self.sweep" --keep "$bindir" --from 2 --to 5 --every 2 \
     --check '[ "$KIV_POWERCUT_OP" != 4 ]' -- kiv initialize) && status=0 || status=$?
 expected="scenario: exit 0, 6 flash operations
 cut 4 after erase mtd5 0 65536: FAILED: check exit 1
@@ -113,7 +116,7 @@ while IFS='|' read -r name start booted prev target rerun accept command; do
     PC_BEFORE="$work/$name.before" PC_AFTER="$work/$name.after.snap" PC_PREV=$prev \
         PC_TARGET=$target PC_RERUN=$rerun PC_SCENARIO="$command" PC_ACCEPT=$accept \
         "$powercut" --dir "$work/$start" --work "$work/$name.sweep" --cmdline "$cmdline" \
-        --keep "$work" --keep "$here" --expected 100 --check "$here/check.sh" \
+        --keep "$work" --keep "$here" --keep "$bindir" --expected 100 --check "$here/check.sh" \
         -- sh -c "$command" || failed=1
 done <<<"$scenarios"
 exit $failed
