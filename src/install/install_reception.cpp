@@ -42,6 +42,13 @@ bool skip_unneeded_body(kiv_install_ctx *ctx) {
     kiv_log(LOG_INFO, "  %i should not be downloaded, SKIP\n", ctx->next_elem);
     ctx->state = KIV_RX_SKIPPED;
     ctx->resume_offset = zunf_stream_parser_skip(ctx->parser);
+    // A body reaching past the image end makes the parser reject the image: reception fails
+    // here, or the resumed reader's next chunk would meet a failed parser.
+    if (zunf_stream_parser_get_status(ctx->parser) == ZUNF_SP_FAILED) {
+        kiv_log(LOG_ERR, "zunf_stream_parser failed (r=%i).\n", ZUNF_SP_ERR_OVERRUN);
+        ctx->state = KIV_RX_FAILED;
+        return true;
+    }
     ctx->next_elem += 1;
     std::snprintf(ctx->resume_range, sizeof ctx->resume_range, "%u-", ctx->resume_offset);
     return true;
@@ -187,5 +194,5 @@ std::size_t kiv_install_receive(void *data, std::size_t size, std::size_t count,
         }
         ctx->parts_seen = found;
     }
-    return ctx->state == KIV_RX_SKIPPED ? refuse : n;
+    return ctx->state == KIV_RX_SKIPPED || ctx->state == KIV_RX_FAILED ? refuse : n;
 }

@@ -174,15 +174,18 @@ int kiv_install_prepare(kiv_install_ctx *ctx) {
             partial_logged = true;
         }
         if (e.action == KIV_ACTION_WRITE) continue;
-        if (ctx->opts->rewrite && e.cidx != -1 && e.action == KIV_ACTION_KEEP) {
+        // Only a part the image holds can be written: besides cidx -1, a line may name a
+        // part the image lacks, and a skipped part never arrived.
+        const zunf_content_header *part = kiv_install_elem_part(ctx, e);
+        if (ctx->opts->rewrite && part != nullptr && e.action == KIV_ACTION_KEEP) {
             kiv_log_both(LOG_NOTICE, "Mark partition %i for rewrite\n", e.partinfo_idx);
-            kivl_meta_import_pinfometa(ctx->kdata, kiv_install_elem_part(ctx, e), &e);
+            kivl_meta_import_pinfometa(ctx->kdata, part, &e);
             e.action = KIV_ACTION_WRITE;
             continue;
         }
         if (ctx->opts->onlymeta) continue;
         if (crc32_check(ctx->kdata, e.partinfo_idx, e.wts) == KIV_CRC_OK) continue;
-        if (e.cidx == -1) {
+        if (part == nullptr) {
             kiv_log_both(LOG_CRIT,
                          "CRC32 validation of partition %i failed. Only fixable with a "
                          "non-partial ZUNF.\n",
