@@ -35,3 +35,6 @@ scripts/cross-test.sh
 
 echo "== benchmarks, quick (checks that every row works; the figures are not judged)"
 scripts/bench.sh --quick
+
+echo "== libFuzzer targets, a bounded run each on their seeds and regression inputs"
+scripts/fuzz.sh
