@@ -10,7 +10,7 @@ packages=(
     g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user
     g++-aarch64-linux-gnu binutils-aarch64-linux-gnu g++-s390x-linux-gnu binutils-s390x-linux-gnu
     groff bash-completion lintian dpkg-dev libssl-dev openssl strace valgrind time
-    qemu-system-x86 busybox-static cpio
+    qemu-system-x86 busybox-static cpio clang libclang-rt-14-dev
 )
 
 missing=()
