@@ -30,6 +30,13 @@ bool is_kiv_data(const zunf_content_header *part) {
     // Exactly that name: the comparison includes the terminator of "KIV data".
     return std::strncmp(part->name, KIVL_PART_NAME, sizeof part->name) == 0;
 }
+
+// A part named "KIV data" plus more characters is carried over, yet the import finds the
+// upgrade data by that prefix: kept ahead of the new record, it would be read back in its
+// place and the change just saved would be lost without a word.
+bool shadows_kiv_data(const zunf_content_header *part) {
+    return std::strncmp(part->name, KIVL_PART_NAME, std::strlen(KIVL_PART_NAME)) == 0;
+}
 } // namespace
 
 int load(const kiv_options *options, kivl_data *data, hostconfig *hc) {
@@ -78,7 +85,7 @@ int save(const kiv_options *options, kivl_data *data, const hostconfig *loaded,
          i < loaded->count && i < static_cast<std::int32_t>(HOSTCONFIG_MAX_PARTS); ++i) {
         const zunf_content_header *part = loaded->parts[i];
         if (is_kiv_data(part)) continue;
-        if (hostconfig_add(&fresh, part) != 1) {
+        if (shadows_kiv_data(part) || hostconfig_add(&fresh, part) != 1) {
             kiv_log(LOG_DEBUG, "hostconfig_add failed.\n");
             return -1;
         }

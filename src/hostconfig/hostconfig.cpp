@@ -49,6 +49,10 @@ int hostconfig_new(hostconfig *hc, std::uint32_t capacity) {
 int hostconfig_add(hostconfig *hc, const zunf_content_header *part) {
     QX_ASSERT(MODULE, hc != nullptr);
     QX_ASSERT(MODULE, part != nullptr);
+    // The copy is padded after header and body together, the loader pads after the body
+    // alone: the two agree only for a header length that is a multiple of 4, as every
+    // part this system writes has. Any other part would be stored where no load finds it.
+    if (part->hdr_length % PART_ALIGN != 0) return -1;
     std::uint64_t length = std::uint64_t{part->hdr_length} + part->body_length;
     if (length > room(hc)) return -1;
     if (table_full(hc)) return -1;
@@ -139,8 +143,10 @@ int hostconfig_finalize_content(zunf_content_header *part) {
     // The header CRC covers bytes 4 .. hdr_length-1; a header shorter than the common
     // one has no valid CRC range and is left alone.
     if (part->hdr_length < ZUNF_CONTENT_HDR_LEN) return -1;
-    // Body first: the header CRC covers the body_crc field.
-    part->body_crc = crc32_calc(0, bytes(part) + ZUNF_CONTENT_HDR_LEN, part->body_length);
+    // Body first: the header CRC covers the body_crc field. The body is taken where the
+    // loader checks it, after the whole header: for the parts built here that is offset
+    // 32, and a carried-over part with a longer vendor header keeps a body CRC that loads.
+    part->body_crc = crc32_calc(0, bytes(part) + part->hdr_length, part->body_length);
     part->hdr_crc = crc32_calc(0, bytes(part) + 4, part->hdr_length - 4u);
     return 1;
 }

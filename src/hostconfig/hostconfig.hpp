@@ -20,8 +20,9 @@ struct hostconfig {
 
 // Clears the handle. Returns 1, or 0 (handle left cleared) when capacity > 5120 or < 24.
 int hostconfig_new(hostconfig *hc, std::uint32_t capacity);
-// Appends a copy of an existing part (hdr_length + body_length bytes).
-// Returns 1, or -1 (nothing changed) when it does not fit or 20 parts are present.
+// Appends a copy of an existing part (hdr_length + body_length bytes). Returns 1, or -1
+// (nothing changed) when it does not fit, 20 parts are present or its hdr_length is not
+// a multiple of 4.
 int hostconfig_add(hostconfig *hc, const zunf_content_header *part);
 // Appends a new data part (type 3, 32-byte header) with the body and name (cut to 15).
 // Returns 1, or -1 (nothing changed) when it does not fit or 20 parts are present.
@@ -33,7 +34,8 @@ zunf_content_header *hostconfig_find_part(hostconfig *hc, const char *name);
 // Loads path, else backup_path (may be null). Returns 1 primary, 2 backup, -1 neither
 // (also for an image header other than 16 bytes or more than 20 parts).
 int hostconfig_load(hostconfig *hc, const char *path, const char *backup_path);
-// Writes the part's body_crc then hdr_crc. Returns 1, or -1 for an empty body.
+// Writes the part's body_crc (of the body at part + hdr_length) then hdr_crc.
+// Returns 1, or -1 for an empty body.
 int hostconfig_finalize_content(zunf_content_header *part);
 // Writes magic, version, body_crc, hdr_crc. Returns 1, or -1 when body_length is 0.
 int hostconfig_finalize_zunf(hostconfig *hc);
