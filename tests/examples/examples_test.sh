@@ -13,6 +13,9 @@ examples=$KIV_SOURCE_DIR/examples
 work=$(mktemp -d "${TMPDIR:-/tmp}/kiv-examples.XXXXXX")
 if [ -n "${KIV_TEST_KEEP:-}" ]; then echo "keeping $work"; else trap 'rm -rf "$work"' EXIT; fi
 export KIV
+demo_lib=$KIV_SOURCE_DIR/scripts/demo-lib.sh
+# shellcheck source=../../scripts/demo-lib.sh
+. "$demo_lib"
 
 fail() {
     echo "FAIL: $*" >&2
@@ -24,39 +27,23 @@ on() {
     local dev=$1
     shift
     # The build tree may lie under /tmp, which the sandbox replaces: keep what runs there.
-    local keep=(--keep "$work" --keep "$examples" --keep "$(dirname "$KIV")")
+    local keep=(--keep "$work" --keep "$examples" --keep "$(dirname "$demo_lib")"
+        --keep "$(dirname "$KIV")")
     for lib in "${KIV_TRACE_PLUGIN:-}" "${KIV_SIGNED_PLUGIN:-}"; do
         [ -z "$lib" ] || keep+=(--keep "$(dirname "$lib")")
     done
     timeout 60 "$KIV_SANDBOX" --dir "$work/$dev" "${keep[@]}" "$@"
 }
 
-# describe DEVICE: the partitions, pools and sets of the demonstration device.
+# describe DEVICE: the demonstration device's partitions, pools and sets.
 describe() {
     # shellcheck disable=SC2016 # $KIV is the device shell's
-    on "$1" -- /bin/sh -ec '
-        k() { "$KIV" "$@" >/dev/null; }
-        k initialize
-        k partinfo 7 KNL-SAFE 0x200000 -offset=180000
-        k partinfo 8 ROOT-SAFE 0x800000 -offset=380000 -fstype=squashfs -mount=/
-        k partinfo 19 APPL-SAFE 0x600000 -offset=E00000 -fstype=jffs2 -mount=/mnt/appl
-        for pn in 9 10; do k partinfo $pn KNL 0x40000; done
-        for pn in 11 12; do k partinfo $pn ROOT 0x40000 -fstype=squashfs -mount=/; done
-        for pn in 13 14; do k partinfo $pn APPL 0x40000 -fstype=jffs2 -mount=/mnt/appl; done
-        k partset 0 SAFESET -refs=7,8,19
-        k partset 1 SET1 -refs=9,11,13
-        k partset 2 SET2 -refs=10,12,14' >/dev/null 2>&1 || fail "describing $1"
+    on "$1" -- /bin/sh -ec '. "$0"; k() { "$KIV" "$@" >/dev/null; }; k initialize
+        describe_device k' "$demo_lib" >/dev/null 2>&1 || fail "describing $1"
 }
 
-# release FILE VERSION APPLICATION-TEXT: kernel, root file system and application.
-release() {
-    "$MKZUNF" image -o "$1" -e "release version=$2 build_id=REL-$2 products=demo-board" \
-        -e 'kivm line=2,KNL,0,-,-,-,2.1.7,1' -e 'kivm line=3,ROOT,0,/,squashfs,-,2.1.7,1' \
-        -e "kivm line=4,APPL,0,/mnt/appl,jffs2,-,$2,3" \
-        -e 'software name=KNL version=2.1.7 size=70000 fill=0x4b' \
-        -e 'software name=ROOT version=2.1.7 size=150000 fill=0x52' \
-        -e "software name=APPL version=$2 text=$3" || fail "mkzunf $1"
-}
+# release FILE VERSION APPLICATION-FILL: the demo's kernel, root file system and application.
+release() { demo_release "$MKZUNF" "$@" || fail "mkzunf $1"; }
 
 # The flash of a device, as one checksum line per image.
 flash_sums() { (cd "$work/$1/flash" && cksum ./*.img); }
@@ -86,7 +73,7 @@ trace_case() {
 }
 
 case_plugin() {
-    release "$work/r1.zunf" 2.1.7 application
+    release "$work/r1.zunf" 2.1.7 0x41
     describe dev
     trace_case install dev 0 install "$work/r1.zunf" -1 -test <<'EOF'
 kiv_install_hook_data_rcvd set=1 received=SIZE size=SIZE
@@ -126,10 +113,10 @@ case_signed_release() {
         openssl pkey -in "$keys/$k.pem" -pubout -out "$keys/$k.pub.pem"
     done
     sign() { openssl dgst -sha256 -sign "$keys/$1.pem" -out "$work/$2.sig" "$work/$2"; }
-    # "tampered" differs from "signed" in one bit of the application ('A' 0x41, 'C' 0x43),
-    # its CRCs made right again: only the signature can tell.
-    release "$work/signed.zunf" 2.1.7 application-A
-    release "$work/tampered.zunf" 2.1.7 application-C
+    # "tampered" differs from "signed" in one bit of each application byte (0x41, 0x43),
+    # its CRCs right: only the signature can tell.
+    release "$work/signed.zunf" 2.1.7 0x41
+    release "$work/tampered.zunf" 2.1.7 0x43
     cp "$work/signed.zunf" "$work/other-key.zunf"
     cp "$work/signed.zunf" "$work/unsigned.zunf"
     sign good signed.zunf
@@ -186,8 +173,8 @@ boot_status() {
 
 case_boot() {
     local loader=$examples/boot/sim-bootloader.sh script=$examples/boot/kiv-boot.sh
-    release "$work/r1.zunf" 2.1.7 application-1
-    release "$work/r2.zunf" 2.1.8 application-2
+    release "$work/r1.zunf" 2.1.7 0x41
+    release "$work/r2.zunf" 2.1.8 0x61
     describe dev
     # boot HEALTH: the boot loader, then the boot script with that health check; crash: the
     # boot loader, then nothing (the new release never reaches the boot script); install

@@ -77,30 +77,23 @@ done
 say "kernel $pkg"
 
 # --- Release images, the same files for both sides. ------------------------------------
-# release FILE VERSION APPL_VERSION APPL_FILL: kernel and root file system 2.1.7, the
-# application in its own version (so that 2.1.8 changes the application only).
-release() {
-    "$mkzunf" image -o "$run/images/$1" "${@:5}" \
-        -e "release version=$2 date=2026-11-01T12:00:00 build_id=REL-$2 products=demo-board text=\"Demo release $2\"" \
-        -e 'kivm line=2,KNL,0,-,-,-,2.1.7,1' \
-        -e 'kivm line=3,ROOT,0,/,squashfs,-,2.1.7,1' \
-        -e "kivm line=4,APPL,0,/mnt/appl,jffs2,-,$3,3" \
-        -e 'software name=KNL version=2.1.7 build_id=g1a2b3c size=70000 fill=0x4b' \
-        -e 'software name=ROOT version=2.1.7 build_id=g1a2b3c size=150000 fill=0x52' \
-        -e "software name=APPL version=$3 build_id=g1a2b3c size=90000 fill=$4"
-}
-release release-2.1.7.zunf 2.1.7 2.1.7 0x41
-release release-2.1.8.zunf 2.1.8 2.1.8 0x61
-release bad-magic.zunf 2.1.9 2.1.9 0x71 --bad-magic=2
-release bad-part-crc.zunf 2.1.9 2.1.9 0x71 --bad-part-body-crc=4
-release bad-part-header.zunf 2.1.9 2.1.9 0x71 --bad-part-hdr-crc=3
-release bad-truncated.zunf 2.1.9 2.1.9 0x71 --truncate=200000
+# The demo's releases and broken copies of a third one, the same files for both sides.
+demo_lib=$(realpath "$here/../../scripts/demo-lib.sh")
+. "$demo_lib"
+release() { demo_release "$mkzunf" "$run/images/$1" "${@:2}"; }
+release release-2.1.7.zunf 2.1.7 0x41
+release release-2.1.8.zunf 2.1.8 0x61
+release bad-magic.zunf 2.1.9 0x71 --bad-magic=2
+release bad-part-crc.zunf 2.1.9 0x71 --bad-part-body-crc=4
+release bad-part-header.zunf 2.1.9 0x71 --bad-part-hdr-crc=3
+release bad-truncated.zunf 2.1.9 0x71 --truncate=200000
 
 # --- The VM: busybox, kiv with the libraries it is linked with, two modules. -------------
 root=$run/root
 mkdir -p "$root"/{bin,dev,etc,proc,sys,lib/modules}
 cp "$here/init" "$root/init"
 cp "$here/scenario.sh" "$root/scenario.sh"
+cp "$demo_lib" "$root/demo-lib.sh"
 cp "$busybox" "$root/bin/busybox"
 cp "$kiv" "$root/bin/kiv"
 ldd "$kiv" | grep -o '/[^ ]*' | while read -r lib; do
@@ -161,8 +154,9 @@ sed -i '$d' "$run/vm.report"
 # --- The simulator: the same session in the sandbox, default layout and command line. ----
 set +e
 (cd "$run/images" && timeout 150 "$sandbox" --dir "$run/sandbox" --timeout 120 \
-    --cmdline "console=ttyS0 KIVSET=SET1" --keep "$(dirname "$kiv")" --keep "$here" -- \
-    "$busybox" sh "$here/scenario.sh" "$kiv") >"$run/sandbox.report" 2>&1
+    --cmdline "console=ttyS0 KIVSET=SET1" --keep "$(dirname "$kiv")" --keep "$here" \
+    --keep "$(dirname "$demo_lib")" -- \
+    "$busybox" sh "$here/scenario.sh" "$kiv" "$demo_lib") >"$run/sandbox.report" 2>&1
 sandbox_status=$?
 set -e
 [ "$sandbox_status" = 0 ] || die "kiv-sandbox exited $sandbox_status (report: $run/sandbox.report)"

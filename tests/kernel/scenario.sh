@@ -6,12 +6,14 @@
 # Every command is reported as "### COMMAND", its standard output, "--- stderr", its
 # standard error and "--- exit STATUS".
 #
-# Usage: cd IMAGES && scenario.sh KIV
-#   IMAGES holds release-2.1.7.zunf, release-2.1.8.zunf and the broken images bad-*.zunf.
+# Usage: cd IMAGES && scenario.sh KIV [DEMO_LIB]
+#   IMAGES holds release-2.1.7.zunf, release-2.1.8.zunf and the broken images bad-*.zunf;
+#   DEMO_LIB is scripts/demo-lib.sh (default /demo-lib.sh, where the VM has it).
 set -eu
 # shellcheck disable=SC3040 # busybox ash, the shell of both sides, has it
 set -o pipefail
 KIV=$1
+. "${2:-/demo-lib.sh}"
 unset KIV_PRODUCT KIV_PLATFORM
 
 # report LABEL COMMAND...
@@ -30,37 +32,14 @@ kiv() {
     report "kiv $*" "$KIV" "$@"
 }
 
-# The boot loader's part of a reboot into set N: the kernel command line names the set, a
-# set in TEST is marked BOOT (its state byte, stored complemented, from TEST to BOOT), and
-# /tmp starts empty.
-reboot_into() {
-    echo "### reboot into set $1"
-    echo "console=ttyS0 KIVSET=SET$1" >/proc/cmdline
-    "$KIV" info >/tmp/scenario.out
-    if grep -q "set $1: TEST" /tmp/scenario.out; then
-        printf '\374' | dd of=/dev/mtd5 bs=1 seek=$((131069 + $1)) conv=notrunc 2>/dev/null
-    fi
-    rm -f /tmp/kiv.autoset /tmp/kiv.activeset
-}
-
 kiv initialize
-kiv partinfo 7 KNL-SAFE 0x200000 -offset=180000
-kiv partinfo 8 ROOT-SAFE 0x800000 -offset=380000 -fstype=squashfs -mount=/
-kiv partinfo 19 APPL-SAFE 0x600000 -offset=E00000 -fstype=jffs2 -mount=/mnt/appl
-kiv partinfo 9 KNL 0x40000 -offset=B80000
-kiv partinfo 10 KNL 0x40000 -offset=BC0000
-kiv partinfo 11 ROOT 0x40000 -offset=C00000 -fstype=squashfs -mount=/
-kiv partinfo 12 ROOT 0x40000 -offset=C40000 -fstype=squashfs -mount=/
-kiv partinfo 13 APPL 0x40000 -offset=C80000 -fstype=jffs2 -mount=/mnt/appl
-kiv partinfo 14 APPL 0x40000 -offset=CC0000 -fstype=jffs2 -mount=/mnt/appl
-kiv partset 0 SAFESET -refs=7,8,19
-kiv partset 1 SET1 -refs=9,11,13
-kiv partset 2 SET2 -refs=10,12,14
+describe_device kiv
 kiv info
 
 kiv zunfinfo release-2.1.7.zunf
 kiv install release-2.1.7.zunf -1 -test
-reboot_into 1
+echo "### reboot into set 1"
+reboot_into 1 "$KIV" >/dev/null
 # -v shows the state bytes before the change: BOOT, then TEST.
 kiv upgrade test -v
 kiv upgrade validate -v
@@ -80,7 +59,8 @@ kiv install missing.zunf 2
 kiv install release-2.1.8.zunf -1 -test
 # A second automatic choice before a reboot is refused.
 kiv install release-2.1.8.zunf -1 -test
-reboot_into 2
+echo "### reboot into set 2"
+reboot_into 2 "$KIV" >/dev/null
 kiv upgrade test
 kiv upgrade validate
 kiv install release-2.1.8.zunf 2 -rewrite

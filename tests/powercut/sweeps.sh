@@ -7,6 +7,7 @@
 set -euo pipefail
 kiv=$1 sandbox=$2 powercut=$3 mkzunf=$4 work=$5 only=${6:-.}
 here=$(cd "$(dirname "$0")" && pwd)
+lib=$(cd "$here/../../scripts" && pwd)/demo-lib.sh
 PATH="$(dirname "$kiv"):$PATH"
 export PATH
 rm -rf "$work" && mkdir -p "$work"
@@ -16,7 +17,7 @@ work=$(cd "$work" && pwd)
 bindir=$(dirname "$kiv")
 on_device() { # RUNDIR CMDLINE COMMAND...
     "$sandbox" --dir "$1" --cmdline "console=ttyS0 $2" --keep "$work" --keep "$here" \
-        --keep "$bindir" -- "${@:3}"
+        --keep "$bindir" --keep "$(dirname "$lib")" -- "${@:3}"
 }
 
 prepare() { # RUNDIR CMDLINE COMMAND...: builds a starting state, quietly unless it fails
@@ -49,16 +50,9 @@ release S2.zunf 1.0.2 1.0.2 1.0.2 1.0.2 -SAFE
 
 # Device states the scenarios start from.
 mkdir -p "$work/blank"
-prepare "$work/described" KIVSET=SAFESET sh -ec '
-    kiv initialize
-    for p in "7 KNL-SAFE 0x200000 -offset=180000" "8 ROOT-SAFE 0x800000 -offset=380000" \
-             "19 APPL-SAFE 0x600000 -offset=E00000" "9 KNL 0x40000" "10 KNL 0x40000" \
-             "11 ROOT 0x40000" "12 ROOT 0x40000" "13 APPL 0x40000" "14 APPL 0x40000"; do
-        kiv partinfo $p
-    done
-    kiv partset 0 SAFESET -refs=7,8,19
-    kiv partset 1 SET1 -refs=9,11,13
-    kiv partset 2 SET2 -refs=10,12,14'
+# shellcheck disable=SC2016 # the device shell's
+prepare "$work/described" KIVSET=SAFESET sh -ec '. "$0"; kiv initialize; describe_device kiv' \
+    "$lib"
 cp -a "$work/described" "$work/safe"
 prepare "$work/safe" KIVSET=SAFESET kiv install "$work/S.zunf" 0 -f
 cp -a "$work/safe" "$work/running1"
@@ -85,7 +79,7 @@ cut 4 after erase mtd5 0 65536: FAILED: check exit 1
 # name | start | booted set | active before | installed set | rerun | accepted | command
 scenarios="
 initialize       |blank    |SET1   |  |  |before|            |kiv initialize
-partinfo         |described|SAFESET|  |  |before|            |kiv partinfo 14 APPL 0x40000 -offset=CC0000 -fstype=jffs2 -mount=/mnt/appl
+partinfo         |described|SAFESET|  |  |before|            |kiv partinfo 14 APPL 0x40000 -offset=D00000
 partset          |described|SAFESET|  |  |before|            |kiv partset 2 SPARE -refs=10,12
 activate         |both     |SET1   |1 |  |before|            |kiv activate 2
 upgrade-activate |both     |SET1   |1 |  |before|            |echo 2 >/tmp/kiv.activeset && kiv upgrade activate
