@@ -1,10 +1,5 @@
-// Command lines as scripts build them: the input split at NULs into words, each word of the
-// form KIV_PRODUCT=... or KIV_PLATFORM=... going to the environment instead. An accepted
-// command line has its words in order, its text fields terminated, and a usable device pattern.
-#include <cstdlib>
-#include <cstring>
-#include <string>
-#include <string_view>
+// Words split at NULs, KIV_PRODUCT=/KIV_PLATFORM= words going to the environment. An accepted
+// command line keeps its words in order, its text fields terminated, and a usable device pattern.
 #include <vector>
 
 #include "front/kiv_cmdline.hpp"
@@ -12,20 +7,16 @@
 #include "tools/verify.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    std::vector<std::string> words;
-    std::string_view rest(reinterpret_cast<const char *>(data), size);
-    for (std::size_t nul; !rest.empty(); rest.remove_prefix(std::min(nul + 1, rest.size()))) {
-        nul = std::min(rest.find('\0'), rest.size());
-        words.emplace_back(rest.substr(0, nul));
-    }
+    std::string text(reinterpret_cast<const char *>(data), size);
     unsetenv("KIV_PRODUCT");
     unsetenv("KIV_PLATFORM");
     std::vector<char *> argv{const_cast<char *>("kiv")};
-    for (std::string &w : words) {
+    for (char *p = text.data(); p < text.data() + size; p += std::strlen(p) + 1) {
+        const std::string_view w(p);
         if (w.starts_with("KIV_PRODUCT=") || w.starts_with("KIV_PLATFORM="))
-            setenv(w.substr(0, w.find('=')).c_str(), w.c_str() + w.find('=') + 1, 1);
+            setenv(std::string(w.substr(0, w.find('='))).c_str(), p + w.find('=') + 1, 1);
         else
-            argv.push_back(w.data());
+            argv.push_back(p);
     }
     argv.push_back(nullptr);
 

@@ -1,9 +1,5 @@
 // Field lists as scripts pass them (-pif=): the first byte chooses the number of slots, the
 // rest is the text. The fields must lie in the caller's buffer and join back to the text.
-#include <cstring>
-#include <memory>
-#include <string>
-
 #include "fuzz_support.hpp"
 #include "kivl/kivl.hpp"
 

@@ -1,8 +1,5 @@
-// A stored hostconfig copy of arbitrary bytes (torn, foreign, hostile), read as the primary
-// and as the backup copy. What loads is imported and dumped as `info` does, and saved and
-// read back as every editing action does: what kiv accepted once it must accept again.
-#include <cstring>
-
+// Arbitrary bytes as the primary and as the backup hostconfig copy; what loads is dumped as `info`
+// does and saved and reloaded as editing actions do: what kiv accepted once it must accept again.
 #include "front/kiv_helpers.hpp"
 #include "fuzz_support.hpp"
 #include "hostconfig/hostconfig.hpp"
@@ -14,10 +11,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static hostconfig hc, again;
     static kivl_data kd, reloaded;
     const std::string path = fuzz_file("hostcfg", data, size);
-    const std::string missing = fuzz_dir() + "/missing";
 
     FUZZ_CHECK(hostconfig_new(&hc, HOSTCONFIG_MAX_SIZE) == 1);
-    const int backup = hostconfig_load(&hc, missing.c_str(), path.c_str());
+    const int backup = hostconfig_load(&hc, (fuzz_dir() + "/missing").c_str(), path.c_str());
     const int backup_count = hc.count;
     FUZZ_CHECK(hostconfig_new(&hc, HOSTCONFIG_MAX_SIZE) == 1);
     const int primary = hostconfig_load(&hc, path.c_str(), nullptr);
@@ -31,9 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     kivl_partpool_generate(&kd);
     kivl_dump_info(&kd);
 
-    // A save may refuse only a part it carries over and cannot carry safely: a header
-    // length that is not a multiple of 4, or a name that begins with "KIV data" without
-    // being exactly it. The part named exactly so is replaced, whatever its shape.
+    // A save refuses only a part it carries over with an unaligned header or a name merely
+    // beginning with "KIV data"; the part named exactly so is replaced whatever its shape.
     bool unsavable = false;
     for (int i = 0; i < hc.count; ++i) {
         const char *name = hc.parts[i]->name;
@@ -42,8 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
                      std::strncmp(name, KIVL_PART_NAME, std::strlen(KIVL_PART_NAME)) == 0;
     }
     kiv_options o{};
-    const std::string saved = fuzz_dir() + "/saved";
-    std::strcpy(o.hostcfg, saved.c_str());
+    std::strcpy(o.hostcfg, (fuzz_dir() + "/saved").c_str());
     const int saved_ok = save(&o, &kd, &hc, "fuzz");
     FUZZ_CHECK(saved_ok == (unsavable ? -1 : 1));
     if (saved_ok != 1) return 0;

@@ -1,36 +1,26 @@
-// Install reception on a fixed device: an arbitrary image arriving in arbitrary chunks goes
-// through the reception callback (with its first planning pass), then through what the
-// action does before the critical region: release checks, the final pass and the
-// preparation. The write-out is never reached: nothing is erased or written, and the only
-// partition devices read are files in this process's own directory. Flags: bits 0-1 the
-// target set, 2 -f, 3 -rewrite, 4 -onlymeta, 5 a plug-in that asks for skipping.
-#include <cstring>
-#include <sanitizer/asan_interface.h>
-#include <string>
-
+// Install reception (first planning pass) and the action's steps up to the critical region (release
+// checks, final pass, preparation): nothing is written. Flags: bits 0-1 the set, 2 -f, 3 -rewrite,
+// 4 -onlymeta, 5 a plug-in that asks for skipping.
 #include "fuzz_support.hpp"
 #include "install/kiv_install.hpp"
 #include "util/qx.hpp"
 
 FUZZ_IMAGE_MUTATOR(fuzz_chunked::prefix)
 
-namespace {
-// The demo device's layout: SAFESET on 7, 8, 19; sets 1 and 2 from the pools KNL, ROOT and
-// APPL; a singleton BOOT. Partition 9 holds KNL 2.1.7 intact, so a plan can keep it.
-kivl_data device;
-std::string pattern;
+// The demo device: SAFESET on 7, 8, 19, sets 1 and 2 from the pools KNL, ROOT and APPL, a
+// singleton BOOT; partition 9 holds an intact KNL 2.1.7 that a plan can keep.
+static kivl_data device;
+static std::string pattern;
 
-void make_device() {
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     kivl_init(&device);
-    const struct {
-        int idx;
-        const char *pool;
-    } layout[] = {{6, "BOOT"}, {7, "KNL-SAFE"}, {8, "ROOT-SAFE"}, {19, "APPL-SAFE"}, {9, "KNL"},
-                  {10, "KNL"}, {11, "ROOT"},    {12, "ROOT"},     {13, "APPL"},      {14, "APPL"}};
-    for (const auto &l : layout) {
-        qx_strlcpy(device.rec.partinfo[l.idx].poolname, l.pool, KIVL_POOLNAME_LEN);
-        device.rec.partinfo[l.idx].pn = static_cast<std::uint8_t>(l.idx);
-        device.rec.partinfo[l.idx].size = 0x40000;
+    const int idx[] = {6, 7, 8, 19, 9, 10, 11, 12, 13, 14};
+    const char *pools[] = {"BOOT", "KNL-SAFE", "ROOT-SAFE", "APPL-SAFE", "KNL",
+                           "KNL",  "ROOT",     "ROOT",      "APPL",      "APPL"};
+    for (int i = 0; i < 10; ++i) {
+        qx_strlcpy(device.rec.partinfo[idx[i]].poolname, pools[i], KIVL_POOLNAME_LEN);
+        device.rec.partinfo[idx[i]].pn = static_cast<std::uint8_t>(idx[i]);
+        device.rec.partinfo[idx[i]].size = 0x40000;
     }
     const char *names[] = {KIVL_SAFESET_NAME, "SET1", "SET2"};
     const std::int8_t refs[3][3] = {{7, 8, 19}, {9, 11, 13}, {10, 12, 14}};
@@ -49,17 +39,10 @@ void make_device() {
     m.hdr.body_length = static_cast<std::uint32_t>(content.size());
     m.hdr.body_crc = crc32_calc(0, content.data(), static_cast<std::uint32_t>(content.size()));
     qx_strlcpy(m.hdr.name, "KNL", sizeof m.hdr.name);
-    m.sw.sw_version_major = 2;
-    m.sw.sw_version_minor = 1;
-    m.sw.sw_build_number = 7;
+    m.sw = {2, 1, {7}, {}};
     kivl_partpool_generate(&device);
     pattern = fuzz_dir() + "/mtd%i";
     device.device = pattern.c_str();
-}
-} // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    make_device();
     return 0;
 }
 
@@ -103,8 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
     const zunf_content_header *const *parts = zunf_stream_parser_content_parts(ctx.parser);
     if (received && zunf_stream_parser_get_status(ctx.parser) == ZUNF_SP_DONE) {
-        // As the action: -product against the release header, then the final pass from
-        // the first part's release header record.
+        // As the action: -product against the release header, then the final pass.
         const zunf_content_header *first = parts[0];
         if (first != nullptr && first->type_id == ZUNF_TYPE_RELEASE_HEADER &&
             first->hdr_length >= ZUNF_RELEASE_PART_HDR_LEN)

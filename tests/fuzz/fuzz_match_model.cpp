@@ -1,11 +1,5 @@
-// The product list of a release header part: the input is a model, a NUL, and the body
-// text of a part that ends exactly where the allocation ends. A match must name the model
-// as a whole entry of the list.
-#include <cstring>
-#include <memory>
-#include <string>
-#include <string_view>
-
+// A model, a NUL, then the body of a release header part ending where its allocation ends. A
+// match must name the model as a whole entry of the list.
 #include "fuzz_support.hpp"
 #include "kivl/kivl.hpp"
 
@@ -15,8 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string model(input.substr(0, nul));
     const std::string_view text = input.substr(std::min(nul + 1, size));
 
-    std::unique_ptr<std::uint8_t[]> part(new std::uint8_t[ZUNF_RELEASE_PART_HDR_LEN + text.size()]);
-    std::memset(part.get(), 0, ZUNF_RELEASE_PART_HDR_LEN);
+    std::unique_ptr<std::uint8_t[]> part(
+        new std::uint8_t[ZUNF_RELEASE_PART_HDR_LEN + text.size()]());
     std::memcpy(part.get() + ZUNF_RELEASE_PART_HDR_LEN, text.data(), text.size());
     auto *hdr = reinterpret_cast<zunf_content_header *>(part.get());
     hdr->type_id = ZUNF_TYPE_RELEASE_HEADER;

@@ -1,40 +1,36 @@
-// Shared pieces of the libFuzzer targets: a check that counts as a crash, a private file for
-// the code that reads by path, chunk sizes taken from the input's leading bytes, and a
-// mutator that keeps an image's CRCs right so that mutations get past the checksums.
+// What the fuzz targets share: checks, private files, chunkings, a CRC-fixing mutator, headers.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <memory>
+#include <sanitizer/asan_interface.h>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 #include "util/crc32.hpp"
 #include "zunf/zunf_format.hpp"
 
 // An invariant the product must keep: a violation is a finding like any overrun.
-#define FUZZ_CHECK(cond)                                                                           \
-    do {                                                                                           \
-        if (!(cond)) {                                                                             \
-            std::fprintf(stderr, "FUZZ_CHECK failed at %s:%d: %s\n", __FILE__, __LINE__, #cond);   \
-            std::abort();                                                                          \
-        }                                                                                          \
-    } while (0)
+[[noreturn]] inline void fuzz_fail(const char *cond, const char *file, int line) {
+    std::fprintf(stderr, "FUZZ_CHECK failed at %s:%d: %s\n", file, line, cond);
+    std::abort();
+}
+#define FUZZ_CHECK(cond) ((cond) ? void() : fuzz_fail(#cond, __FILE__, __LINE__))
 
-// A directory of this process's own, removed at exit; in memory where /dev/shm exists, since
-// its files are rewritten for every input.
-struct fuzz_tmp_dir {
-    std::filesystem::path base = std::filesystem::is_directory("/dev/shm")
-                                     ? "/dev/shm"
-                                     : std::filesystem::temp_directory_path();
-    std::string path = (base / ("kiv-fuzz-" + std::to_string(getpid()))).string();
-    fuzz_tmp_dir() { std::filesystem::create_directories(path); }
-    ~fuzz_tmp_dir() { std::filesystem::remove_all(path); }
-};
+// This process's own directory, removed at exit; in memory where possible (rewritten per input).
 inline const std::string &fuzz_dir() {
-    static const fuzz_tmp_dir dir;
+    static const struct tmp_dir {
+        std::string path = (std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : "/tmp") +
+                           ("/kiv-fuzz-" + std::to_string(getpid()));
+        tmp_dir() { std::filesystem::create_directories(path); }
+        ~tmp_dir() { std::filesystem::remove_all(path); }
+    } dir;
     return dir.path;
 }
 
@@ -46,9 +42,8 @@ inline std::string fuzz_file(const char *name, const std::uint8_t *data, std::si
     return path;
 }
 
-// Input of the chunked targets: a flags byte, a count k (0..15), k chunk sizes used in
-// turn, then the image. A size of 0 is an empty chunk; once a whole round of sizes
-// delivered nothing, or with k = 0, the rest comes as one chunk.
+// Input: flags byte, count k (0..15), k chunk sizes used in turn (0: empty chunk), the image.
+// With k = 0, or once a whole round delivered nothing, the rest comes as one chunk.
 struct fuzz_chunked {
     std::uint8_t flags = 0;
     const std::uint8_t *sizes = nullptr;
@@ -75,8 +70,7 @@ struct fuzz_chunked {
     }
 };
 
-// Recomputes the CRCs of the image at `p` innermost first, as a writer does; where a
-// mutation made a part reach past the data, the walk stops and older CRCs stay.
+// Recomputes the image's CRCs innermost first; the walk stops at a part reaching past the data.
 inline void fuzz_fix_crcs(std::uint8_t *p, std::size_t n, bool fix_body_length) {
     if (n < ZUNF_FIRST_PART_OFFSET) return;
     auto *hdr = reinterpret_cast<zunf_image_header *>(p + ZUNF_MAGIC_LEN);
@@ -100,8 +94,7 @@ inline void fuzz_fix_crcs(std::uint8_t *p, std::size_t n, bool fix_body_length) 
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t *data, std::size_t size, std::size_t max);
 
-// Defines the mutator of an image target; PREFIX(data, size) is where the image starts.
-// One mutation in four keeps the CRCs it made wrong, so the checks themselves get tested.
+// PREFIX(data, size) is where the image starts; one mutation in four keeps its CRCs wrong.
 #define FUZZ_IMAGE_MUTATOR(PREFIX)                                                                 \
     extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t *data, std::size_t size,           \
                                                    std::size_t max, unsigned seed) {               \
