@@ -1,7 +1,6 @@
-// Writes the three persisted formats the way the product produces them, so that a build
-// for another host (32-bit, big-endian) can be compared byte for byte with the native one:
-// a release image from the image builder, the upgrade data record after an install plan
-// of that image into set 1, and the hostconfig image saved around that record.
+// Writes the persisted formats as the product does, to compare a 32-bit or big-endian build
+// byte for byte with the native one: a release image, the upgrade data record after planning
+// its install into set 1, and the hostconfig saved around that record.
 // Usage: kiv_persisted_bytes DIR   (writes DIR/release.zunf, DIR/kivl.rec, DIR/hostconfig.img)
 #include "hostconfig/hostconfig.hpp"
 #include "kivl/kivl.hpp"
@@ -34,9 +33,8 @@ const Partition PARTITIONS[] = {
 
 bool write_file(const std::string &path, const void *bytes, std::size_t size) {
     std::FILE *f = std::fopen(path.c_str(), "wb");
-    bool ok = f != nullptr && std::fwrite(bytes, 1, size, f) == size;
-    if (f != nullptr) ok = std::fclose(f) == 0 && ok;
-    return ok;
+    const bool ok = f != nullptr && std::fwrite(bytes, 1, size, f) == size;
+    return f != nullptr && std::fclose(f) == 0 && ok;
 }
 
 int fail(const char *what) {
@@ -65,9 +63,9 @@ int main(int argc, char **argv) {
     // The install's planning, as the reception and the commit run it.
     zunf_stream_parser parser;
     zunf_stream_parser_init(&parser, image.data());
-    const auto size = static_cast<std::uint32_t>(image.size());
     if (zunf_stream_parser_hdr(&parser, ZUNF_SP_HDR_BYTES) != ZUNF_SP_HDR_OK ||
-        zunf_stream_parser_next(&parser, size - ZUNF_SP_HDR_BYTES) != ZUNF_SP_COMPLETE)
+        zunf_stream_parser_next(&parser, static_cast<std::uint32_t>(image.size()) -
+                                             ZUNF_SP_HDR_BYTES) != ZUNF_SP_COMPLETE)
         return fail("parsing the release");
     const zunf_content_header *const *parts = zunf_stream_parser_content_parts(&parser);
     const std::uint8_t *rhdr = zunf_bytes(parts[0]) + ZUNF_CONTENT_HDR_LEN;

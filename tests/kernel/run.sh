@@ -1,39 +1,22 @@
 #!/usr/bin/env bash
-# Holds the flash simulator to the kernel's own MTD character driver: runs scenario.sh
-# once on real /dev/mtdN devices (Debian's amd64 kernel booted under qemu, software
-# emulation, devices in the default sandbox layout) and once in kiv-sandbox, then compares
-# exit statuses, outputs and final flash contents command by command. A difference fails
-# the test unless it is one the driver explains (listed in explain() below).
-#
-# Usage: run.sh KIV KIV_SANDBOX MKZUNF WORKDIR
-#   WORKDIR keeps the downloaded kernel (WORKDIR/cache) between runs; WORKDIR/run holds
-#   the last run: the two reports, the VM console, the initramfs tree.
-# Needs: qemu-system-x86_64, busybox (static), cpio, apt-get with the Debian mirror.
-# Exit: 0 same behaviour, 1 unexplained difference or failure, 77 a host tool is missing.
+# Holds the flash simulator to the kernel's MTD driver: runs scenario.sh on phram /dev/mtdN
+# devices (Debian's kernel under qemu, default sandbox layout) and in kiv-sandbox, and fails
+# on any difference in outputs, exit statuses or flash contents that explain() does not.
+# Usage: run.sh KIV KIV_SANDBOX MKZUNF WORKDIR (WORKDIR/cache keeps the kernel, WORKDIR/run
+# the last run). Exit: 0 same behaviour, 1 difference or failure, 77 a host tool is missing.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 kiv=$(realpath "$1") sandbox=$(realpath "$2") mkzunf=$(realpath "$3") work=$4
 layout=$here/../../tools/sandbox/default.layout
 cache=$work/cache run=$work/run
-# qemu's own limit; the whole test is bounded by CTest's TIMEOUT as well.
-vm_timeout=300
-
 say() { printf 'kernel_mtd: %s\n' "$*"; }
-die() {
-    say "FAIL: $*"
-    exit 1
-}
+die() { say "FAIL: $*" && exit 1; }
+skip() { say "SKIP: $*" && exit 77; }
 
-if [ "$(uname -m)" != x86_64 ]; then
-    say "SKIP: the VM runs the host's kiv and busybox, which must be x86_64"
-    exit 77
-fi
+[ "$(uname -m)" = x86_64 ] || skip "the VM runs the host's kiv and busybox, which must be x86_64"
 for tool in qemu-system-x86_64 busybox cpio gzip apt-get dpkg-deb; do
-    if ! command -v "$tool" >/dev/null; then
-        say "SKIP: $tool is missing (scripts/deps.sh installs it)"
-        exit 77
-    fi
+    command -v "$tool" >/dev/null || skip "$tool is missing (scripts/deps.sh installs it)"
 done
 busybox=$(command -v busybox)
 ldd "$busybox" >/dev/null 2>&1 && die "$busybox is not static (busybox-static)"
@@ -48,15 +31,11 @@ kernel_package() {
         sed -n 's/^ *Depends: \(linux-image-[0-9][^ ]*-amd64\)$/\1/p; T; q'
 }
 pkg=$(kernel_package)
-if [ -z "$pkg" ]; then
-    apt-get update -qq >/dev/null 2>&1 || true
-    pkg=$(kernel_package)
-fi
-if [ -z "$pkg" ]; then
-    # No package lists (offline): whatever an earlier run left in the cache.
-    pkg=$(find "$cache" -maxdepth 1 -name 'linux-image-*' -type d -printf '%f\n' | sort | tail -n 1)
-    [ -n "$pkg" ] || die "cannot tell which kernel package linux-image-amd64 is"
-fi
+[ -n "$pkg" ] || pkg=$(apt-get update -qq >/dev/null 2>&1; kernel_package)
+# No package lists (offline): whatever an earlier run left in the cache.
+[ -n "$pkg" ] || pkg=$(find "$cache" -maxdepth 1 -name 'linux-image-*' -type d -printf '%f\n' |
+    sort | tail -n 1)
+[ -n "$pkg" ] || die "cannot tell which kernel package linux-image-amd64 is"
 kdir=$cache/$pkg
 if [ ! -e "$kdir/.unpacked" ]; then
     rm -rf "${cache:?}"/linux-image-*
@@ -71,13 +50,10 @@ if [ ! -e "$kdir/.unpacked" ]; then
     touch "$kdir/.unpacked"
 fi
 vmlinuz=$(find "$kdir/boot" -name 'vmlinuz-*' -print -quit)
-for m in mtd phram; do
-    [ -n "$(find "$kdir" -name "$m.ko")" ] || die "$pkg has no $m.ko"
-done
+for m in mtd phram; do [ -n "$(find "$kdir" -name "$m.ko")" ] || die "$pkg has no $m.ko"; done
 say "kernel $pkg"
 
-# --- Release images, the same files for both sides. ------------------------------------
-# The demo's releases and broken copies of a third one, the same files for both sides.
+# --- The demo's releases and broken copies of a third one, the same files for both sides.
 demo_lib=$(realpath "$here/../../scripts/demo-lib.sh")
 . "$demo_lib"
 release() { demo_release "$mkzunf" "$run/images/$1" "${@:2}"; }
@@ -103,28 +79,13 @@ done
 find "$kdir" \( -name mtd.ko -o -name phram.ko \) -exec cp {} "$root/lib/modules/" \;
 cp -r "$run/images" "$root/images"
 mknod -m 600 "$root/dev/console" c 5 1
-# The layout as "N SIZE ERASESIZE" in bytes, device numbers in order.
-bytes() {
-    local v=$1 m=1
-    case $v in
-        *[kK]) m=1024 ;;
-        *[mM]) m=1048576 ;;
-        *[gG]) m=1073741824 ;;
-    esac
-    echo $((${v%[kKmMgG]} * m))
-}
-while read -r -a words; do
-    [[ ${words[0]:-} == mtd* ]] || continue
-    if [ "${words[0]}" = mtd ]; then n=${words[1]}; else n=${words[0]#mtd}; fi
-    size=0 erase=65536
-    for w in "${words[@]}"; do
-        case $w in
-            size=*) size=$(bytes "${w#size=}") ;;
-            erase=*) erase=$(bytes "${w#erase=}") ;;
-            locked) die "phram cannot lock a device (mtd$n)" ;;
-        esac
-    done
-    echo "$n $size $erase"
+# The layout ("mtd N size=S erase=E", K/M suffixes) as "N SIZE ERASESIZE" in bytes.
+bytes() { local v=${1/%[kK]/*1024} && v=${v/%[mM]/*1048576} && echo $((v)); }
+while read -r word n rest; do
+    [ "$word" = mtd ] || continue
+    [[ $rest != *locked* ]] || die "phram cannot lock a device (mtd$n)"
+    size=${rest#*size=} erase=${rest#*erase=}
+    echo "$n $(bytes "${size%% *}") $(bytes "${erase%% *}")"
 done < <(sed 's/#.*//' "$layout") | sort -n >"$root/etc/flash.layout"
 [ "$(awk 'NR - 1 != $1' "$root/etc/flash.layout")" = "" ] || die "layout devices are not 0..N"
 flash_total=$(awk '{ t += $2 } END { print t }' "$root/etc/flash.layout")
@@ -136,14 +97,12 @@ flash_mib=$(((flash_total + (1 << 20) - 1) >> 20))
 mem_mib=$((128 + flash_mib + 64))
 say "booting the VM ($mem_mib MiB, flash ${flash_mib} MiB)"
 vm_start=$SECONDS
-set +e
-timeout "$vm_timeout" qemu-system-x86_64 -nodefaults -machine pc -accel tcg -smp 1 \
+qemu_status=0
+timeout 300 qemu-system-x86_64 -nodefaults -machine pc -accel tcg -smp 1 \
     -m "$mem_mib" -display none -no-reboot -nic none \
     -kernel "$vmlinuz" -initrd "$run/initramfs.gz" \
     -append "console=ttyS0 KIVSET=SET1 panic=-1 quiet memmap=${flash_mib}M\$$flash_base kiv_flash=$flash_base" \
-    -serial "file:$run/console.log" -serial "file:$run/vm.report" </dev/null
-qemu_status=$?
-set -e
+    -serial "file:$run/console.log" -serial "file:$run/vm.report" </dev/null || qemu_status=$?
 say "VM ran $((SECONDS - vm_start)) s (qemu status $qemu_status)"
 if ! tail -n 1 "$run/vm.report" 2>/dev/null | grep -qx '=== end'; then
     tail -n 30 "$run/console.log" 2>/dev/null || true
@@ -152,24 +111,15 @@ fi
 sed -i '$d' "$run/vm.report"
 
 # --- The simulator: the same session in the sandbox, default layout and command line. ----
-set +e
 (cd "$run/images" && timeout 150 "$sandbox" --dir "$run/sandbox" --timeout 120 \
     --cmdline "console=ttyS0 KIVSET=SET1" --keep "$(dirname "$kiv")" --keep "$here" \
     --keep "$(dirname "$demo_lib")" -- \
-    "$busybox" sh "$here/scenario.sh" "$kiv" "$demo_lib") >"$run/sandbox.report" 2>&1
-sandbox_status=$?
-set -e
-[ "$sandbox_status" = 0 ] || die "kiv-sandbox exited $sandbox_status (report: $run/sandbox.report)"
+    "$busybox" sh "$here/scenario.sh" "$kiv" "$demo_lib") >"$run/sandbox.report" 2>&1 ||
+    die "kiv-sandbox exited $? (report: $run/sandbox.report)"
 
 # --- Comparison. -------------------------------------------------------------------------
-# explain SIDE: the report of one side with every difference the driver explains replaced
-# by a note that is the same on both sides, after checking that the difference is the
-# expected one.
-#
-# Backup copy on /dev/mtd2. kiv writes the backup only when MEMISLOCKED answers "not
-# locked". The simulator answers 0, as a NOR flash driver with lock support does; phram
-# (like mtdram and block2mtd) has no lock operation, so the kernel answers EOPNOTSUPP and
-# kiv runs without the backup: mtd2 stays erased in the VM.
+# explain SIDE: the report with the one explained difference checked and made the same:
+# kiv writes the mtd2 backup only when MEMISLOCKED says "not locked", which phram can't say.
 erased_md5=$(head -c 131072 /dev/zero | tr '\0' '\377' | md5sum | cut -d' ' -f1)
 explain() {
     awk -v side="$1" -v erased="$erased_md5" '
@@ -185,9 +135,7 @@ explain() {
 }
 explain vm <"$run/vm.report" >"$run/vm.compared"
 explain sim <"$run/sandbox.report" >"$run/sandbox.compared"
-
-steps=$(grep -c '^### ' "$run/sandbox.report" || true)
-say "$steps steps; wall time $((SECONDS - start)) s"
+say "wall time $((SECONDS - start)) s"
 if ! diff -u --label kernel "$run/vm.compared" --label sandbox "$run/sandbox.compared" \
     >"$run/report.diff"; then
     cat "$run/report.diff"

@@ -1,14 +1,7 @@
 #!/bin/busybox sh
-# The session tests/kernel/run.sh runs twice, on the kernel's MTD devices in a VM and on
-# the simulated flash in kiv-sandbox, to compare the two reports: describe a blank device,
-# install a release for a test boot, confirm it, refuse bad installs, install an update
-# that changes the application only, check and report, and finally the flash contents.
-# Every command is reported as "### COMMAND", its standard output, "--- stderr", its
-# standard error and "--- exit STATUS".
-#
-# Usage: cd IMAGES && scenario.sh KIV [DEMO_LIB]
-#   IMAGES holds release-2.1.7.zunf, release-2.1.8.zunf and the broken images bad-*.zunf;
-#   DEMO_LIB is scripts/demo-lib.sh (default /demo-lib.sh, where the VM has it).
+# The session run.sh runs on the kernel's MTD devices and in kiv-sandbox to compare: each
+# command as "### COMMAND", its output, "--- stderr", its errors, "--- exit STATUS".
+# Usage: cd IMAGES && scenario.sh KIV [DEMO_LIB (default /demo-lib.sh, the VM's)]
 set -eu
 # shellcheck disable=SC3040 # busybox ash, the shell of both sides, has it
 set -o pipefail
@@ -21,6 +14,7 @@ report() {
     printf '### %s\n' "$1"
     shift
     rc=0
+    # Files, not the report's terminal: kiv writes the same on both sides.
     "$@" >/tmp/scenario.out 2>/tmp/scenario.err || rc=$?
     cat /tmp/scenario.out
     echo "--- stderr"
@@ -28,9 +22,7 @@ report() {
     echo "--- exit $rc"
 }
 
-kiv() {
-    report "kiv $*" "$KIV" "$@"
-}
+kiv() { report "kiv $*" "$KIV" "$@"; }
 
 kiv initialize
 describe_device kiv
@@ -49,13 +41,10 @@ kiv verify
 # Refused before anything is written.
 kiv install release-2.1.8.zunf 2 -product=other-board
 kiv install release-2.1.8.zunf 2 -minver=2.2.0
-for image in bad-*.zunf; do
-    kiv install "$image" 2
-done
+for image in bad-*.zunf; do kiv install "$image" 2; done
 kiv install missing.zunf 2
 
-# 2.1.8 changes the application only: set 2 takes the kernel and root file system that
-# set 1's partitions already hold and gets the new application written.
+# 2.1.8 changes the application only: set 2 shares set 1's kernel and root file system.
 kiv install release-2.1.8.zunf -1 -test
 # A second automatic choice before a reboot is refused.
 kiv install release-2.1.8.zunf -1 -test
