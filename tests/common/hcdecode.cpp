@@ -90,7 +90,6 @@ template <typename Io, typename R> void walk_record(const Io &io, R &r) {
     }
 }
 
-// Set s's 20 reference bytes.
 std::size_t refs_at(std::size_t s) {
     return 1 + 36 * s + 16;
 }
@@ -194,7 +193,7 @@ Image decode_image(Bytes bytes) {
     return img;
 }
 
-std::optional<Record> decode_record(Bytes b) {
+static std::optional<Record> decode_record(Bytes b) {
     if (b.size() < RECORD_SIZE) return std::nullopt;
     Record r;
     walk_record(Reader{b}, r);
@@ -267,18 +266,6 @@ void refresh_crcs(std::vector<std::uint8_t> &img, bool parts) {
     }
     const bool header_inside = hdr_length >= 4 && body_start <= img.size();
     put32(img, 8, crc32(all.subspan(12, header_inside ? hdr_length - 4 : 12)));
-}
-
-std::optional<std::uint8_t> state_byte(Bytes device, int set) {
-    if (set != 1 && set != 2) return std::nullopt;
-    std::size_t off = STATE_OFFSET + static_cast<std::size_t>(set - 1);
-    if (off >= device.size()) return std::nullopt;
-    return static_cast<std::uint8_t>(~device[off]);
-}
-
-int decode_state(std::uint8_t b) {
-    if ((b & 1u) == 0) return 0;
-    return (b & 2u) ? 2 : 1;
 }
 
 } // namespace hcdecode

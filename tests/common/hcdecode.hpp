@@ -1,9 +1,6 @@
-// Independent reader (and writer) of hostconfig images and the "KIV data" record, for
-// tests that check the bytes the product leaves on flash or in a file.
-//
-// It deliberately shares nothing with the product: its own CRC-32, its own offsets as
-// literal numbers, no product headers. A fault in the product's layout records or CRC
-// code therefore shows up as a mismatch here instead of cancelling itself out.
+// Independent reader and writer of hostconfig images and the "KIV data" record. It shares
+// nothing with the product (own CRC-32, literal offsets), so a layout or CRC fault in the
+// product shows up as a mismatch instead of cancelling itself out.
 #pragma once
 
 #include <array>
@@ -25,7 +22,6 @@ std::uint32_t get32(std::span<const std::uint8_t> b, std::size_t off);
 void put16(std::vector<std::uint8_t> &b, std::size_t off, std::uint16_t v);
 void put32(std::vector<std::uint8_t> &b, std::size_t off, std::uint32_t v);
 
-// One content part as it lies in the image.
 struct Part {
     std::uint16_t type_id = 0;
     std::uint16_t hdr_length = 0;
@@ -33,9 +29,8 @@ struct Part {
     std::vector<std::uint8_t> body;
 };
 
-// A whole image. `ok` means: magic right, version 1, hdr_length 16, both image CRCs
-// right, the parts exactly fill body_length, every part has hdr_length >= 32 and both
-// of its CRCs right. `error` names the first thing that was wrong.
+// A whole image; `ok`: magic, version 1, hdr_length 16, all CRCs right, parts (each with
+// hdr_length >= 32) exactly fill body_length. `error` names the first thing wrong.
 struct Image {
     bool ok = false;
     std::string error;
@@ -49,11 +44,9 @@ struct Image {
     std::vector<std::string> names() const;
 };
 
-// Decodes the image at the start of `bytes` (trailing bytes, e.g. the rest of a flash
-// device, are ignored). Never reads outside `bytes`.
+// Decodes the image at the start of `bytes` (the rest of a device is ignored).
 Image decode_image(std::span<const std::uint8_t> bytes);
 
-// --- the 2964-byte upgrade data record ("KIV data" body) ---
 inline constexpr std::size_t RECORD_SIZE = 2964;
 
 struct Set {
@@ -101,15 +94,9 @@ struct Record {
     std::array<PinfoMeta, 20> pinfometa{};
 };
 
-// Decodes a record body; nullopt when fewer than 2964 bytes are given.
-std::optional<Record> decode_record(std::span<const std::uint8_t> body);
-// The record of the image's part named exactly "KIV data"; nullopt when the image is not
-// ok, the part is missing or its body is not 2964 bytes.
+// The record in the part named exactly "KIV data" of an ok image, else nullopt.
 std::optional<Record> decode_kiv_data(const Image &image);
-// Convenience: decode_kiv_data(decode_image(bytes)).
 std::optional<Record> decode_kiv_data(std::span<const std::uint8_t> bytes);
-
-// --- writers, for seeding flash or files with images the product must read ---
 
 // The 2964 bytes of a record (padding and unused bytes zero; refs taken from raw_refs).
 std::vector<std::uint8_t> encode_record(const Record &record);
@@ -120,23 +107,13 @@ struct NewPart {
     std::uint16_t type_id = 3;
 };
 
-// A finalised image as the product writes it: magic, version 1, hdr_length 16, parts with
-// 32-byte headers on 4-byte boundaries, zero padding, all CRCs right.
+// A finalised image as the product writes it (32-byte part headers, zero padding).
 std::vector<std::uint8_t> encode_image(const std::vector<NewPart> &parts);
 
-// Recomputes CRCs of an image in place after a test edited a field, trusting the lengths
-// it holds: the header CRC always (over bytes 12..23 when hdr_length reaches past the
-// bytes), the body CRC when the body lies inside the bytes, and with `parts` the CRCs of
-// every part that does.
+// Recomputes an edited image's CRCs in place, trusting its lengths where they fit: the
+// header CRC, the body CRC, and with `parts` those of every part.
 void refresh_crcs(std::vector<std::uint8_t> &image, bool parts = true);
 
-// --- upgrade state bytes at the end of the first 128 KiB of the hostconfig device ---
 inline constexpr std::size_t STATE_OFFSET = 131070;
-
-// The state byte of set 1 or 2 (stored complemented) from a dump of the device, or
-// nullopt when the dump is too short or set is not 1 or 2.
-std::optional<std::uint8_t> state_byte(std::span<const std::uint8_t> device, int set);
-// 0 VALID, 1 TEST, 2 BOOT decoded from a state byte.
-int decode_state(std::uint8_t state_byte);
 
 } // namespace hcdecode

@@ -1,4 +1,4 @@
-// A private scratch directory per test, removed with everything in it.
+// A private scratch directory per test, removed with everything in it, and whole-file I/O.
 #pragma once
 
 #include <cstdint>
@@ -9,29 +9,21 @@
 #include <string>
 #include <vector>
 
-class TempDir {
-  public:
-    TempDir() {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "kiv_test_XXXXXX").string();
-        if (::mkdtemp(tmpl.data()) != nullptr) path_ = tmpl;
-    }
-    ~TempDir() {
-        std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-    }
+struct TempDir {
+    std::string path = [] {
+        std::string t = (std::filesystem::temp_directory_path() / "kiv_test_XXXXXX").string();
+        return ::mkdtemp(t.data()) != nullptr ? t : std::string("/nonexistent");
+    }();
+    TempDir() = default;
     TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    std::string file(const std::string &name) const { return (path_ / name).string(); }
-
-  private:
-    std::filesystem::path path_;
+    ~TempDir() { std::filesystem::remove_all(path); }
+    std::string file(const std::string &name) const { return path + "/" + name; }
 };
 
 inline void write_bytes(const std::string &path, const std::vector<std::uint8_t> &bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char *>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
 }
 
 inline std::vector<std::uint8_t> read_bytes(const std::string &path) {

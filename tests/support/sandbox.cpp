@@ -7,14 +7,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
 #include <signal.h>
 #include <sstream>
 #include <stdexcept>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,8 +19,7 @@ namespace kiv::test {
 
 namespace {
 
-// How much longer than the sandbox's own timeout the helper waits before it
-// kills the sandbox itself.
+// How much longer than the sandbox's own timeout the helper waits before killing it.
 constexpr std::chrono::milliseconds kGrace{10000};
 
 [[noreturn]] void fail(const std::string &msg) {
@@ -33,7 +29,6 @@ constexpr std::chrono::milliseconds kGrace{10000};
     fail(what + ": " + std::strerror(errno));
 }
 
-// A file that may not exist yet reads as empty.
 std::string read_if_any(const std::string &path) {
     std::string out, err;
     return kiv::sim::read_file(path, out, err) ? out : std::string();
@@ -78,78 +73,35 @@ std::vector<SyslogLine> parse_syslog(std::string_view text) {
     return lines;
 }
 
-std::string indented(const std::string &s) {
-    std::string out = "    ";
-    for (char c : s)
-        out += c == '\n' ? std::string("\n    ") : std::string(1, c);
-    return out;
-}
-
-// Runs argv with stdin on /dev/null and collects stdout and stderr until the
-// process has ended and both are closed, or until the deadline kills it.
-ProcessResult spawn(const std::vector<std::string> &argv, const std::vector<std::string> &env,
-                    const std::string &cwd, std::chrono::milliseconds timeout) {
-    if (argv.empty()) fail("empty argv");
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) fail_errno("pipe");
-    std::vector<char *> args;
-    for (const auto &a : argv)
-        args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-
+// Runs argv, stdout and stderr into files of `dir`; timeout(1) backs the sandbox's limit.
+SandboxResult spawn(std::vector<std::string> argv, const std::vector<std::string> &env,
+                    const std::string &dir, std::chrono::milliseconds limit) {
+    argv.insert(argv.begin(), {"timeout", "-s", "KILL", std::to_string(limit.count() / 1000 + 1)});
+    const std::string out = dir + "/stdout", err = dir + "/stderr";
     pid_t pid = fork();
     if (pid < 0) fail_errno("fork");
     if (pid == 0) {
-        dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
-        dup2(out[1], STDOUT_FILENO);
-        dup2(err[1], STDERR_FILENO);
+        std::vector<char *> args;
+        for (auto &a : argv)
+            args.push_back(a.data());
+        args.push_back(nullptr);
+        if (!freopen("/dev/null", "r", stdin) || !freopen(out.c_str(), "w", stdout) ||
+            !freopen(err.c_str(), "w", stderr))
+            _exit(127);
         for (const auto &e : env)
             putenv(const_cast<char *>(e.c_str()));
-        if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
         execvp(args[0], args.data());
-        dprintf(STDERR_FILENO, "cannot run %s: %s\n", args[0], std::strerror(errno));
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
-    int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-
-    ProcessResult r;
-    int fds[2] = {out[0], err[0]};
-    std::string *sinks[2] = {&r.out, &r.err};
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    bool exited = false;
-    while (fds[0] >= 0 || fds[1] >= 0 || !exited) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0) {
-            kill(pid, SIGKILL);
-            r.timed_out = true;
-            break;
-        }
-        pollfd pfd[3] = {
-            {fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}, {exited ? -1 : pidfd, POLLIN, 0}};
-        if (poll(pfd, 3, static_cast<int>(left)) < 0 && errno != EINTR) fail_errno("poll");
-        for (int i = 0; i < 2; ++i) {
-            if (!pfd[i].revents) continue;
-            char buf[65536];
-            ssize_t n = read(fds[i], buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i]);
-                fds[i] = -1;
-            }
-        }
-        exited = exited || pfd[2].revents != 0;
-    }
+    const auto start = std::chrono::steady_clock::now();
     int ws = 0;
-    while (waitpid(pid, &ws, 0) < 0 && errno == EINTR) {
-    }
-    for (int fd : {fds[0], fds[1], pidfd})
-        if (fd >= 0) close(fd);
+    while (waitpid(pid, &ws, 0) < 0)
+        if (errno != EINTR) fail_errno("waitpid");
+    SandboxResult r;
     r.exit = WIFEXITED(ws) ? WEXITSTATUS(ws) : WIFSIGNALED(ws) ? 128 + WTERMSIG(ws) : -1;
+    r.timed_out = std::chrono::steady_clock::now() - start >= limit;
+    r.out = read_if_any(out);
+    r.err = read_if_any(err);
     return r;
 }
 
@@ -159,24 +111,8 @@ const std::string &kiv_bin() {
     static const std::string p = KIV_BIN;
     return p;
 }
-const std::string &sandbox_bin() {
-    static const std::string p = KIV_SANDBOX_BIN;
-    return p;
-}
-const std::string &flashsim_bin() {
-    static const std::string p = KIV_FLASHSIM_BIN;
-    return p;
-}
-const std::string &mkzunf_bin() {
-    static const std::string p = MKZUNF_BIN;
-    return p;
-}
 const std::string &source_dir() {
     static const std::string p = KIV_SOURCE_DIR;
-    return p;
-}
-const std::string &binary_dir() {
-    static const std::string p = KIV_BINARY_DIR;
     return p;
 }
 
@@ -185,32 +121,16 @@ std::ostream &operator<<(std::ostream &os, const SyslogLine &line) {
               << "\"";
 }
 
-std::string ProcessResult::describe() const {
-    return "exit " + std::to_string(exit) + (timed_out ? " (timed out)" : "") + "\n  stdout:\n" +
-           indented(out) + "\n  stderr:\n" + indented(err) + "\n";
-}
-
-bool SandboxResult::logged(std::string_view needle) const {
-    return std::any_of(syslog.begin(), syslog.end(), [&](const SyslogLine &l) {
-        return l.text.find(needle) != std::string::npos;
-    });
-}
-
-std::vector<std::string> SandboxResult::events_with(std::string_view prefix) const {
-    std::vector<std::string> found;
-    std::copy_if(events.begin(), events.end(), std::back_inserter(found),
-                 [&](const std::string &e) { return e.starts_with(prefix); });
-    return found;
-}
-
 std::string SandboxResult::describe() const {
     std::ostringstream os;
-    os << ProcessResult::describe() << "  syslog:\n";
+    os << "exit " << exit << (timed_out ? " (timed out)" : "") << "\n--- stdout\n"
+       << out << "\n--- stderr\n"
+       << err << "\n--- syslog\n";
     for (const auto &l : syslog)
-        os << "    " << l << "\n";
-    os << "  events:\n";
+        os << l << "\n";
+    os << "--- events\n";
     for (const auto &e : events)
-        os << "    " << e << "\n";
+        os << e << "\n";
     return os.str();
 }
 
@@ -224,15 +144,10 @@ std::vector<std::uint8_t> bytes_of(std::string_view text) {
     return std::vector<std::uint8_t>(text.begin(), text.end());
 }
 
-ProcessResult run_process(const std::vector<std::string> &argv, std::chrono::milliseconds timeout) {
-    return spawn(argv, {}, {}, timeout);
-}
-
 Device::Device(DeviceOptions options) : options_(std::move(options)) {
     const char *tmp = std::getenv("TMPDIR");
     std::string tmpl = std::string(tmp && *tmp ? tmp : "/tmp") + "/kiv-dev-XXXXXX";
     if (!mkdtemp(tmpl.data())) fail_errno("mkdtemp " + tmpl);
-    // The sandbox keeps this directory reachable by its real path.
     base_ = std::filesystem::canonical(tmpl);
     rundir_ = base_ + "/run";
     std::filesystem::create_directories(rundir_);
@@ -246,7 +161,6 @@ Device::Device(DeviceOptions options) : options_(std::move(options)) {
     if (!options_.layout.empty()) write_whole(base_ + "/layout", options_.layout);
     if (options_.hostcfg_default)
         write_whole(base_ + "/hostcfg.default", *options_.hostcfg_default);
-    // Images exist from the start so tests can preset flash before a run.
     if (!kiv::sim::ensure_images(rundir_ + "/flash", layout, err)) fail(err);
 }
 
@@ -306,7 +220,7 @@ SandboxResult Device::run_kiv(std::vector<std::string> args, RunOptions options)
 }
 
 SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
-    std::vector<std::string> cmd{sandbox_bin(), "--dir", rundir_};
+    std::vector<std::string> cmd{KIV_SANDBOX_BIN, "--dir", rundir_};
     auto option = [&](const char *name, const std::string &value) {
         cmd.emplace_back(name);
         cmd.push_back(value);
@@ -316,7 +230,7 @@ SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
     if (options.cmdline) option("--cmdline", *options.cmdline);
     for (const auto &f : options.faults)
         option("--fault", f);
-    for (const auto &k : {base_, source_dir(), binary_dir()})
+    for (const auto &k : {base_, source_dir(), std::string(KIV_BINARY_DIR)})
         option("--keep", k);
     for (const auto &k : options.keep)
         option("--keep", k);
@@ -329,9 +243,7 @@ SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
     const std::string syslog_path = rundir_ + "/syslog", events_path = rundir_ + "/events";
     const std::size_t syslog_start = read_if_any(syslog_path).size();
     const std::size_t events_start = read_if_any(events_path).size();
-    SandboxResult r;
-    static_cast<ProcessResult &>(r) =
-        spawn(cmd, options.env, options.cwd, options.timeout + kGrace);
+    SandboxResult r = spawn(cmd, options.env, base_, options.timeout + kGrace);
     r.syslog = parse_syslog(read_if_any(syslog_path).substr(syslog_start));
     r.events = split_lines(read_if_any(events_path).substr(events_start));
     return r;
