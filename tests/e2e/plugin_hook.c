@@ -1,6 +1,5 @@
-/* A platform plug-in in C against kiv_plugin.h, preloaded into kiv, misbehaving on request:
- * KIV_TEST_INSTALL_HOOKS="pre_install=3,..." gives the install hooks' answers (else 0),
- * KIV_TEST_FAIL_OPEN=PATH fails the first open() of PATH with EIO. */
+/* A C plug-in preloaded into kiv: KIV_TEST_INSTALL_HOOKS="pre_install=3,..." are the hooks'
+ * answers (else 0), KIV_TEST_FAIL_OPEN=PATH fails the first open() of PATH with EIO. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

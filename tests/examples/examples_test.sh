@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# Runs the integrator examples (examples/) as an integrator does: plug-ins in kiv on the
-# simulated device, the boot script across reboots, the Yocto/Buildroot recipes' build.
-# Usage: examples_test.sh plugin|signed-release|boot|recipes (environment: CMakeLists.txt);
-# KIV_TEST_KEEP=1 keeps the scratch directory.
+# The integrator examples run as an integrator runs them. Usage: examples_test.sh
+# plugin|signed-release|boot|recipes (environment: CMakeLists.txt); KIV_TEST_KEEP=1 keeps.
 set -euo pipefail
 
 examples=$KIV_SOURCE_DIR/examples
@@ -15,25 +13,23 @@ demo_lib=$KIV_SOURCE_DIR/scripts/demo-lib.sh
 
 fail() { echo "FAIL: $*" >&2 && exit 1; }
 
-# on DEVICE [SANDBOX-OPTIONS] -- COMMAND...: one boot of the simulated device DEVICE.
+# on DEVICE [SANDBOX-OPTIONS] -- COMMAND...: one boot of the simulated device DEVICE; the
+# build tree may lie under /tmp, which the sandbox replaces: what runs there is kept.
 on() {
     local dev=$1 keep=(--keep "$work" --keep "$examples") f
     shift
-    # The build tree may lie under /tmp, which the sandbox replaces: keep what runs there.
     for f in "$demo_lib" "$KIV" "${KIV_TRACE_PLUGIN:-$KIV}" "${KIV_SIGNED_PLUGIN:-$KIV}"; do
         keep+=(--keep "$(dirname "$f")")
     done
     timeout 60 "$KIV_SANDBOX" --dir "$work/$dev" "${keep[@]}" "$@"
 }
 
-# describe DEVICE: the demonstration device's partitions, pools and sets.
 describe() {
     # shellcheck disable=SC2016 # $KIV is the device shell's
     on "$1" -- /bin/sh -ec '. "$0"; k() { "$KIV" "$@" >/dev/null; }; k initialize
         describe_device k' "$demo_lib" >/dev/null 2>&1 || fail "describing $1"
 }
 
-# release FILE VERSION APPLICATION-FILL: the demo's kernel, root file system and application.
 release() { demo_release "$MKZUNF" "$@" || fail "mkzunf $1"; }
 
 # --- plugin: every hook of examples/plugin traced, in order, with its arguments --------
@@ -55,7 +51,6 @@ trace_case() {
                END { if (last != "") print last }' "$trace" 2>/dev/null || true)
     [ "$exit" = "$want_exit" ] || fail "$name: exit $exit, not $want_exit: $(cat "$work/$name.out")"
     [ "$got" = "$want" ] || fail "$name: trace"$'\n'"$got"$'\n'"instead of"$'\n'"$want"
-    # The same lines reach the system log.
     grep -qF "KIV	trace: $(tail -n 1 "$trace")" "$work/$dev/syslog" || fail "$name: not in syslog"
 }
 
@@ -81,8 +76,7 @@ kiv_install_hook_pre_install set=2 active=0 plan=KNL:write,ROOT:write,APPL:write
 kiv_install_hook_post_write_out set=2 active=0
 kiv_install_hook_on_failure set=2 result=1
 EOF
-    # Blank flash: no hostconfig to load, no default to rebuild it from. The hook lets the
-    # install go on, and the planning finds no pools while the image arrives.
+    # Blank flash, no default to rebuild from: the hook lets the install go on, poolless.
     trace_case lost-hostconfig blank 9 install "$work/r1.zunf" 2 <<'EOF'
 kiv_install_hook_hcfg_fail set=2 rebuild=0
 kiv_install_hook_data_rcvd set=2 received=SIZE size=SIZE
@@ -95,8 +89,7 @@ case_signed_release() {
     local key=$work/key.pem
     openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$key" 2>/dev/null
     openssl pkey -in "$key" -pubout -out "$work/key.pub.pem"
-    # "tampered" differs from "signed" in one bit of each application byte (0x41, 0x43),
-    # its CRCs right: only the signature can tell.
+    # "tampered": one bit off in each application byte, CRCs right: only the signature tells.
     release "$work/signed.zunf" 2.1.7 0x41
     release "$work/tampered.zunf" 2.1.7 0x43
     cp "$work/signed.zunf" "$work/unsigned.zunf"
@@ -130,8 +123,7 @@ EOF
 
 # --- boot: the boot script and the simulated boot loader across reboots -----------------
 
-# The set the last boot started, the active set and the states of sets 1 and 2 (VALID,
-# TEST, BOOT as V, T, B) of the device "dev".
+# The set booted last, the active set and the states of sets 1 and 2 (V, T, B) of "dev".
 boot_status() {
     local cmdline booted active stored states=""
     cmdline=$(cat "$work/dev/cmdline")
@@ -171,16 +163,15 @@ case_boot() {
 boot     true     0     SAFESET  0       VV
 install  r1.zunf  0     SAFESET  1       TV
 boot     true     0     SET1     1       VV
-# A release that fails its health check: back to set 1, which still verifies.
+# Fails its health check: back to set 1, which still verifies; never reaches the boot
+# script: the boot loader falls back; passes: it stays.
 install  r2.zunf  0     SET1     2       VT
 boot     false    1     SET2     1       VV
 boot     true     0     SET1     1       VV
 verify   SET1     0     SET1     1       VV
-# A release that never gets as far as the boot script: the boot loader falls back.
 install  r2.zunf  0     SET1     2       VT
 crash    -        0     SET2     2       VB
 boot     true     0     SET1     1       VV
-# A release that passes: it stays.
 install  r2.zunf  0     SET1     2       VT
 boot     true     0     SET2     2       VV
 boot     true     0     SET2     2       VV
@@ -197,7 +188,6 @@ case_recipes() {
     opts=$(grep -o -- '-DKIV_[A-Z_]*=[A-Z0-9]*' "$examples/yocto/kiv_git.bb" | sort)
     [[ -n $opts && $opts == "$(grep -o -- '-DKIV_[A-Z_]*=[A-Z0-9]*' \
         "$examples/buildroot/kiv.mk" | sort)" ]] || fail "kiv_git.bb and kiv.mk options: $opts"
-    # The build directory is kept between runs: a rerun builds only what changed.
     # shellcheck disable=SC2086 # one option a word
     { "$CMAKE" -S "$KIV_SOURCE_DIR" -B "$build" -DCMAKE_BUILD_TYPE=Release \
         -DCMAKE_INSTALL_PREFIX=/usr $opts && "$CMAKE" --build "$build" -j2 &&

@@ -1,5 +1,4 @@
-// Fault injection for kiv_front_e2e_test, preloaded into the real kiv: KIV_GUARD_FAULT names
-// the one C library call that misbehaves; without it every call goes to the C library.
+// Preloaded into kiv by kiv_front_e2e_test: KIV_GUARD_FAULT names the C library call that fails.
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -37,8 +36,7 @@ int flock(int fd, int operation) {
     if (result != 0 || !(operation & LOCK_EX)) return result;
     if (fault() == "abort") std::abort();
     if (fault() == "unlink") ::unlink(std::getenv("KIV_GUARD_LOCK"));
-    // One's own signal is handled before kill returns, the parent's while it waits. SIGALRM
-    // is not one kiv catches: blocked, it must never arrive.
+    // SIGALRM is not caught by kiv: blocked, it must never arrive.
     if (fault() == "signals")
         for (int sig : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGALRM})
             ::kill(sig == SIGTERM || sig == SIGUSR1 ? ::getppid() : ::getpid(), sig);

@@ -1,5 +1,4 @@
-// The real kiv on the simulated device: the command line, the process guard and the lock as a
-// user or a boot script sees them (exit codes, exact messages, system log lines).
+// The real kiv on the simulated device: command line, process guard and lock as a user sees them.
 #include <algorithm>
 #include <fcntl.h>
 #include <sstream>
@@ -28,8 +27,7 @@ SyslogLine logged(int severity, const std::string &text) {
     return SyslogLine{LOG_USER >> 3, severity, "KIV", text};
 }
 
-// A line is refused (err) or reaches the unknown action "x", -v showing first what the parser
-// made of it (out: a part of that). Words "KIV_...=value" go to the environment.
+// Refused (err) or reaching the unknown action "x" (out: part of -v); "KIV_..." words are env.
 TEST(KivFrontE2e, CommandLines) {
     Device dev;
     const std::string node = dev.scratch_path("b%d"), held = dev.scratch_path("held.lock");
@@ -63,7 +61,6 @@ TEST(KivFrontE2e, CommandLines) {
         {{"-zunfsizes=5", "x"}, "-zunfsize syntax failure.\n"},
         {{"-iptos=x", "x"}, "-iptos syntax failure.\n"},
         {{"-v", "-cfg= /a b", "x"}, "", "hostcfg: /a (backup: ) "},
-        {{"-v", "-cfgbak=/b", "x"}, "", "hostcfg: /dev/mtd5 (backup: /b) "},
         {{"-v", "-cfgbak=/b", "-cfg=" + fits, "x"}, "", "hostcfg: " + fits + " (backup: /b) "},
         {{"-cfg=" + fits + "c", "x"}, "-cfg value too long.\n"},
         {{"-cfg", "x"}, "-cfg syntax failure.\n"},
@@ -77,7 +74,6 @@ TEST(KivFrontE2e, CommandLines) {
         {{cat("-plugin=", std::string(199, 'p')), "x"}, "plugin support not enabled.\n"},
         {{cat("-plugin=", std::string(200, 'p')), "x"}, "-plugin value too long.\n"},
         {{"-lockfile=" + held, "x"}, "Could not acquire kiv lock\n"},
-        {{"-lockfile=/tmp/no/such/kiv.lock", "x"}, "Could not acquire kiv lock\n"},
         {nineteen, "", "other: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 \n"},
         {twenty, "Too many arguments.\n"},
         {{"-v"}, "ACTION is missing.\n"},
@@ -100,7 +96,6 @@ TEST(KivFrontE2e, CommandLines) {
         EXPECT_TRUE(out.empty() ? r.out.empty() : r.out.find(out) != std::string::npos) << r.out;
         EXPECT_EQ(r.syslog, std::vector{logged(err.starts_with("KIV_") ? LOG_CRIT : LOG_ERR, err)});
     }
-    ::close(held_fd);
 }
 
 // Parent and child share one standard error and one log: their order is not fixed.
@@ -113,8 +108,7 @@ std::vector<std::string> sorted_lines(const std::string &text) {
     return lines;
 }
 
-// kiv help with one C library call of kiv's (not the simulator's) made to fail, see
-// guard_preload.cpp ("status=4991": stopped). A lock file a killed run left is taken again.
+// kiv help with one C library call made to fail by guard_preload.cpp ("status=4991": stopped).
 TEST(KivFrontE2e, ProcessGuard) {
     // {fault, exit, severity, standard error and, line by line, the system log, lock left}
     const std::tuple<const char *, int, int, std::string, bool> rows[] = {

@@ -7,8 +7,7 @@
 
 FUZZ_IMAGE_MUTATOR(fuzz_chunked::prefix)
 
-// The demo device: SAFESET on 7, 8, 19, sets 1 and 2 from the pools KNL, ROOT and APPL, a
-// singleton BOOT; partition 9 holds an intact KNL 2.1.7 that a plan can keep.
+// The demo device plus a singleton BOOT; partition 9 holds a KNL 2.1.7 a plan can keep.
 static kivl_data device;
 static std::string pattern;
 

@@ -34,7 +34,6 @@ inline const std::string &fuzz_dir() {
     return dir.path;
 }
 
-// Writes the bytes to the file `name` in that directory and returns its path.
 inline std::string fuzz_file(const char *name, const std::uint8_t *data, std::size_t size) {
     std::string path = fuzz_dir() + "/" + name;
     std::FILE *f = std::fopen(path.c_str(), "wb");

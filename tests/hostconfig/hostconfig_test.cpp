@@ -1,5 +1,4 @@
-// The hostconfig store at edges kiv's commands cannot reach: which images the loader takes,
-// what a handle takes, and what a save refuses. Good hostconfigs are for tests/e2e.
+// Hostconfig store edges kiv's commands cannot reach; good hostconfigs are for tests/e2e.
 #include "hostconfig/hostconfig.hpp"
 
 #include <gtest/gtest.h>
@@ -7,10 +6,11 @@
 #include <cstring>
 #include <memory>
 
-#include "common/hcdecode.hpp"
-#include "common/temp_dir.hpp"
 #include "front/kiv_helpers.hpp"
 #include "kivl/kivl.hpp"
+
+#include "common/hcdecode.hpp"
+#include "common/temp_dir.hpp"
 
 namespace {
 
@@ -49,7 +49,6 @@ TEST(HostconfigLoad, WhichImagesAreTaken) {
         {parts(21, 1), -1},
         {edited([](Bytes &b) { trailing(b, 32); }), 1},
         {edited([](Bytes &b) { trailing(b, 36); }), -1},
-        {edited([](Bytes &b) { b[24 + 28] ^= 1; }), -1},
         {edited([](Bytes &b) { b[8] ^= 1; }, false), -1},
         {flipped, -1},
         {edited([](Bytes &b) { hcdecode::put32(b, 16, 0xFFFFFF00u); }), -1},
@@ -74,13 +73,10 @@ TEST(HostconfigLoad, WhichImagesAreTaken) {
         auto hc = handle();
         EXPECT_EQ(hostconfig_load(hc.get(), dir.file("hostcfg").c_str(), nullptr), result)
             << image.size() << " bytes, body " << hcdecode::get32(image, 16);
-        // A loaded handle describes no image to write.
-        EXPECT_EQ(hostconfig_save(hc.get(), dir.file("copy").c_str(), nullptr), -1);
     }
 }
 
-// A part added to a handle holding `before` parts: as copied from a loaded image, or with a
-// 32-byte header as a body, as kiv adds its record. Once taken, it is saved and loads again.
+// A part (a 32-byte header: added as a body) added behind `before` parts; saved, it loads again.
 TEST(HostconfigAdd, RoomTableAndHeaderLength) {
     struct Row {
         std::uint32_t capacity, body_length;
@@ -116,8 +112,7 @@ TEST(HostconfigAdd, RoomTableAndHeaderLength) {
     }
 }
 
-// kiv's load needs the whole upgrade data; its save writes nothing when it cannot carry
-// every other part.
+// kiv's load/save refusals (short record, near name, a part hiding the record): file kept.
 TEST(KivLoadSave, RecordPartAndCarriedParts) {
     TempDir dir;
     kiv_options options{};

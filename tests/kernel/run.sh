@@ -2,8 +2,8 @@
 # Holds the flash simulator to the kernel's MTD driver: runs scenario.sh on phram /dev/mtdN
 # devices (Debian's kernel under qemu, default sandbox layout) and in kiv-sandbox, and fails
 # on any difference in outputs, exit statuses or flash contents that explain() does not.
-# Usage: run.sh KIV KIV_SANDBOX MKZUNF WORKDIR (WORKDIR/cache keeps the kernel, WORKDIR/run
-# the last run). Exit: 0 same behaviour, 1 difference or failure, 77 a host tool is missing.
+# Usage: run.sh KIV KIV_SANDBOX MKZUNF WORKDIR (cache/: the kernel, run/: the last run).
+# Exit: 0 same behaviour, 1 difference or failure, 77 a host tool is missing.
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -25,7 +25,6 @@ rm -rf "$run"
 mkdir -p "$cache" "$run/images" "$run/root"
 start=$SECONDS
 
-# --- The kernel: the package linux-image-amd64 points at, unpacked into the cache. ------
 kernel_package() {
     apt-cache depends linux-image-amd64 2>/dev/null |
         sed -n 's/^ *Depends: \(linux-image-[0-9][^ ]*-amd64\)$/\1/p; T; q'
@@ -64,7 +63,6 @@ release bad-part-crc.zunf 2.1.9 0x71 --bad-part-body-crc=4
 release bad-part-header.zunf 2.1.9 0x71 --bad-part-hdr-crc=3
 release bad-truncated.zunf 2.1.9 0x71 --truncate=200000
 
-# --- The VM: busybox, kiv with the libraries it is linked with, two modules. -------------
 root=$run/root
 mkdir -p "$root"/{bin,dev,etc,proc,sys,lib/modules}
 cp "$here/init" "$root/init"
@@ -117,7 +115,6 @@ sed -i '$d' "$run/vm.report"
     "$busybox" sh "$here/scenario.sh" "$kiv" "$demo_lib") >"$run/sandbox.report" 2>&1 ||
     die "kiv-sandbox exited $? (report: $run/sandbox.report)"
 
-# --- Comparison. -------------------------------------------------------------------------
 # explain SIDE: the report with the one explained difference checked and made the same:
 # kiv writes the mtd2 backup only when MEMISLOCKED says "not locked", which phram can't say.
 erased_md5=$(head -c 131072 /dev/zero | tr '\0' '\377' | md5sum | cut -d' ' -f1)

@@ -35,7 +35,6 @@ reboot_into 1 "$KIV" >/dev/null
 # -v shows the state bytes before the change: BOOT, then TEST.
 kiv upgrade test -v
 kiv upgrade validate -v
-kiv upgrade validate
 kiv verify
 
 # Refused before anything is written.
@@ -55,11 +54,8 @@ kiv upgrade validate
 kiv install release-2.1.8.zunf 2 -rewrite
 
 kiv verify
-kiv verify SET2 -v
 kiv getrh active
-kiv getrh 1 -pif=ver,build_num,build_id
 kiv getpartset active
-kiv getpartset 2 -pif=pidx,pool,len_dec,ver
 kiv mount 2 -dryrun
 kiv info
 

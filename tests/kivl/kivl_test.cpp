@@ -1,5 +1,4 @@
-// The release texts kivl reads, at edges kiv's commands show only as a yes or no: the
-// product list, kivm lines and the minimum version. CSV lists are pinned by getrh -pif.
+// Release texts kivl reads, at edges kiv shows only as yes or no; CSV lists: see getrh -pif.
 #include "kivl/kivl.hpp"
 
 #include <gtest/gtest.h>
@@ -14,8 +13,7 @@ namespace {
 
 TEST(KivlModel, ProductListMatching) {
     const std::string listed = "products=m1,m2\n", text = "Rel\nproducts=a,beta\nnotes=g,\n";
-    // In a release header part, 76 bytes in, the text up to body_length; a newline and NUL
-    // behind it. An entry ends at a comma or the newline; without it the last does not count.
+    // Text 76 bytes into the part, newline and NUL behind; an entry ends at ',' or newline.
     using Row = std::tuple<std::string, const char *, int>;
     const Row rows[] = {
         {listed, "m2", 1},           {listed, "m1", 1},           {listed, "m", 0},

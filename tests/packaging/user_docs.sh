@@ -49,11 +49,8 @@ completion-on-device)
     # A blank device: no hostconfig to read the set names from.
     expect 'kiv get' 'getpartset getrh'
     expect 'kiv -dr' '-dryrun'
-    expect 'kiv info -cfgb' '-cfgbak='
-    expect 'kiv upgrade v' 'validate'
     expect 'kiv getpartset ' '0 1 2 active'
     expect 'kiv getrh 1 -pif=ver,build_n' 'ver,build_num'
-    expect 'kiv partinfo 3 P 0x100 -fstype=j' 'jffs2'
     expect 'kiv activate S' 'SAFESET SET1 SET2'
     # A described device: its own set names, also while another run holds the lock.
     kiv initialize >/dev/null 2>&1

@@ -1,18 +1,11 @@
 #!/bin/sh
-# Runs on the device after a power cut (the "next boot") and says whether kiv kept its
-# promises: exit 0 when it did, 100 when the only loss is one the design accepts (named
-# by PC_ACCEPT), 1 otherwise. Settings come from the environment:
-#   PC_BEFORE, PC_AFTER  snapshots (check.sh snap) before and after an uncut run
-#   PC_PREV              the set active before the command: it must still verify and activate
-#   PC_TARGET            the set the command installs into: it verifies once committed
-#   PC_RERUN             always | before: when to run the command again (always, or only when
-#                        the cut left the state before it); the rerun must succeed and leave
-#                        the state of an uncut run
-#   PC_SCENARIO          the command, for the rerun
-#   PC_ACCEPT            prev-loss: the command writes in place into partitions the previous
-#                        set uses (a singleton pool under -f, -rewrite of shared content);
-#                        state-window: the command sets a state after its save, which erases
-#                        the state bytes on the same device
+# The "next boot" after a power cut: exit 0 when kiv kept its promises, 100 when the only
+# loss is one PC_ACCEPT names, 1 otherwise. PC_BEFORE/PC_AFTER: snapshots of uncut runs;
+# PC_PREV: the set active before, which must still verify and activate; PC_TARGET: the set
+# installed into, which verifies once committed; PC_RERUN always|before: when the command
+# (PC_SCENARIO) runs again, to the state of an uncut run. PC_ACCEPT: prev-loss (writes in
+# place into the previous set's partitions: a singleton under -f, -rewrite of shared
+# content), state-window (a state set after the save, which erases the state bytes).
 # Usage: check.sh snap | check.sh
 set -u
 

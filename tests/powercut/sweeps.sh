@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# Cuts the power after every flash operation of kiv's writing commands on the default
-# simulated device, and checks each cut with check.sh: the hostconfig is before or after,
-# the set active before still verifies and activates, and running the command again
-# completes it. One scenario per row below.
+# Cuts the power after every flash operation of each writing command below (one row a
+# scenario) and checks every cut with check.sh.
 # Usage: sweeps.sh KIV KIV_SANDBOX KIV_POWERCUT MKZUNF WORKDIR [NAME_PATTERN]
 set -euo pipefail
 kiv=$1 sandbox=$2 powercut=$3 mkzunf=$4 work=$5 only=${6:-.}
@@ -48,7 +46,6 @@ release S2.zunf 1.0.2 1.0.2 1.0.2 1.0.2 -SAFE
     -e "software name=KNL version=2.1.7 size=70000 fill=0x17" \
     -e "software name=APPL version=2.1.9 size=90000 fill=0x49"
 
-# Device states the scenarios start from.
 mkdir -p "$work/blank"
 # shellcheck disable=SC2016 # the device shell's
 prepare "$work/described" KIVSET=SAFESET sh -ec '. "$0"; kiv initialize; describe_device kiv' \
@@ -66,8 +63,7 @@ printf '\374' | dd of="$work/boot2/flash/mtd5.img" bs=1 seek=131071 conv=notrunc
 cp -a "$work/boot2" "$work/tested2"
 prepare "$work/tested2" KIVSET=SET2 kiv upgrade test
 
-# The sweep tool itself: a subset of the cut points, the operation each follows, and a
-# failing check reported as such.
+# The sweep tool itself: a subset of the cut points and a failing check, reported.
 self=$("$powercut" --dir "$work/blank" --work "$work/self.sweep" --keep "$bindir" --from 2 --to 5 --every 2 \
     --check '[ "$KIV_POWERCUT_OP" != 4 ]' -- kiv initialize) && status=0 || status=$?
 expected="scenario: exit 0, 6 flash operations

@@ -1,5 +1,4 @@
-// The support layer where no command reaches it: CRC-32 at the edges of every fast path, the
-// panic line, and whole-file helpers whose close fails.
+// Support layer edges no command reaches: CRC-32 fast paths, the panic line, failed closes.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -33,19 +32,16 @@ TEST(Util, Crc32KnownValues) {
 }
 
 // The console is descriptor 1; a death test reads the child's standard error.
-void panic_on_the_console() {
-    ::dup2(2, 1);
-    qx_panic("%s", std::string(100, 'p').c_str());
-}
-
 TEST(QxPanicDeathTest, PanicLineCutToTheConsoleBufferThenSignal6) {
-    EXPECT_EXIT(panic_on_the_console(), testing::KilledBySignal(SIGABRT), "^Panic: p{79}$");
+    EXPECT_EXIT((::dup2(2, 1), qx_panic("%s", std::string(100, 'p').c_str())),
+                testing::KilledBySignal(SIGABRT), "^Panic: p{79}$");
 }
 
 // A full device takes the data into the stream buffer and refuses it at the close.
-TEST(Util, FnFileFailedCloseFailsTheCall) {
+TEST(Util, FnFileFailedOpenOrCloseFailsTheCall) {
     EXPECT_EQ(fnwrite("/dev/full", "x", 1), -1);
     EXPECT_EQ(fnprintf("/dev/full", "%d", 1), -1);
+    EXPECT_EQ(fnprintf("/nonexistent/f", "%d", 1), -1);
 }
 
 } // namespace
