@@ -197,7 +197,8 @@ TEST(InstallE2e, InstallsOnTheDevice) {
         model.rec.actset = row.actset;
         if (untouched) expect_flash_untouched(r);
         for (int mtd : {HOSTCFG_MTD, BACKUP_MTD}) {
-            const hcdecode::Part *part = hcdecode::decode_image(dev->flash(mtd)).find("KIV data");
+            const hcdecode::Image img = hcdecode::decode_image(dev->flash(mtd));
+            const hcdecode::Part *part = img.find("KIV data");
             EXPECT_TRUE(untouched || (part && part->body == hcdecode::encode_record(model.rec)));
         }
         for (int pn = 6; pn < 20 && !untouched; ++pn) {
