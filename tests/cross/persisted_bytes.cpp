@@ -1,6 +1,5 @@
-// Writes the persisted formats as the product does, to compare a 32-bit or big-endian build
-// byte for byte with the native one: a release image, the upgrade data record after planning
-// its install into set 1, and the hostconfig saved around that record.
+// The persisted formats written as the product does (release image, record after planning an
+// install into set 1, hostconfig around it), to compare other hosts' builds with native.
 // Usage: kiv_persisted_bytes DIR   (writes DIR/release.zunf, DIR/kivl.rec, DIR/hostconfig.img)
 #include "hostconfig/hostconfig.hpp"
 #include "kivl/kivl.hpp"
@@ -60,7 +59,6 @@ int main(int argc, char **argv) {
             .build();
     if (!write_file(dir + "/release.zunf", image.data(), image.size())) return fail("release");
 
-    // The install's planning, as the reception and the commit run it.
     zunf_stream_parser parser;
     zunf_stream_parser_init(&parser, image.data());
     if (zunf_stream_parser_hdr(&parser, ZUNF_SP_HDR_BYTES) != ZUNF_SP_HDR_OK ||

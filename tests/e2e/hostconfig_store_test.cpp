@@ -75,7 +75,6 @@ TEST(HostconfigStore, EveryActionNeedsAHostconfig) {
         EXPECT_EQ(r.exit, 1) << r.describe();
         EXPECT_EQ(r.err, LOAD_FAILED + message);
         std::vector log = {logged(LOG_DEBUG, LOAD_FAILED), logged(LOG_ERR, message)};
-        // A backup file is first asked whether it is a locked flash device.
         if (args.back() == cfg) log.insert(log.begin(), logged(LOG_ERR, GETINFO_FAILED));
         EXPECT_EQ(r.syslog, log);
         expect_flash_untouched(r);

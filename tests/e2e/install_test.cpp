@@ -24,8 +24,7 @@ struct Sw {
     Bytes content;
 };
 
-// Pool initial (S: KNL-SAFE, N: NOPOOL), minor of 2.N, then * (newest), - (kept) or @N (absent);
-// installed into pn of a model as kiv writes it (the third layout's gap erased).
+// Pool initial (S: KNL-SAFE, N: NOPOOL), minor of 2.N, * newest, - kept, @N absent; model.
 Sw sw(const std::string &name, InstalledDevice *model = nullptr, int pn = 0, int wts_more = 0) {
     const std::size_t kind = std::string("KRASN").find(name[0]);
     const auto minor = static_cast<std::uint8_t>(name[1] - '0');
@@ -82,8 +81,7 @@ InstalledDevice described(bool installed = false) {
     return d;
 }
 
-// Rows on one device (NEW: fresh). LOST: no hostconfig, NOTSB: fallback root block erased, TRIED,
-// BAD=N: partition N damaged, HOOKS=: the C plug-in's answers, FAULT=: a flash fault.
+// NEW: fresh device; LOST, NOTSB (root block erased), TRIED, BAD=N, HOOKS=, FAULT= as named.
 TEST(InstallE2e, InstallsOnTheDevice) {
     const std::string R1 = "K1 R1 A1", LOAD = "install: failed to load ZUNF\n",
                       META = "install: meta install in hostconfig failed (", AUTO = "VV auto=0",
@@ -236,7 +234,6 @@ TEST(Faults, OneFlashFaultPerRun) {
          ERASE + FAILED + "KNL-SAFE INTO 7\n2 KIV_EXIT_FATAL_ERR_SINGLETON_WRITE"},
         {"install IMG 2", "erase:mtd5:0", "VV>VV", 10, "1 2", // the backup is written first
          ERASE + SAVE + "2 KIV_EXIT_FATAL_ERR_HOSTCONFIG_WRITE\n"},
-        // Only the primary's save decides; a failed one sets no state.
         {"activate 2", "erase:mtd2:0", "VT>VV", 0, "2 1", ERASE},
         {"activate 2", "write:mtd2:0", "VT>VV", 0, "2 -1", ""},
         {"activate 2", "erase:mtd5:0", "VT>VT", 1, "1 2", ERASE + ACTIVATE},

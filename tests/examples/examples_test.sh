@@ -13,8 +13,7 @@ demo_lib=$KIV_SOURCE_DIR/scripts/demo-lib.sh
 
 fail() { echo "FAIL: $*" >&2 && exit 1; }
 
-# on DEVICE [SANDBOX-OPTIONS] -- COMMAND...: one boot of the simulated device DEVICE; the
-# build tree may lie under /tmp, which the sandbox replaces: what runs there is kept.
+# on DEVICE [SANDBOX-OPTIONS] -- COMMAND...: one boot of DEVICE, the build tree kept.
 on() {
     local dev=$1 keep=(--keep "$work" --keep "$examples") f
     shift
@@ -32,7 +31,6 @@ describe() {
 
 release() { demo_release "$MKZUNF" "$@" || fail "mkzunf $1"; }
 
-# --- plugin: every hook of examples/plugin traced, in order, with its arguments --------
 
 # trace_case NAME DEVICE EXIT [SANDBOX-OPTIONS --] KIV-ARGS... <TRACE: IMG, SIZE stand for
 # the image and its size; consecutive data_rcvd lines count as their last one.
@@ -83,7 +81,6 @@ kiv_install_hook_data_rcvd set=2 received=SIZE size=SIZE
 EOF
 }
 
-# --- signed-release: only images signed with the device's key are installed ------------
 
 case_signed_release() {
     local key=$work/key.pem
@@ -97,8 +94,7 @@ case_signed_release() {
     cp "$work/signed.zunf.sig" "$work/tampered.zunf.sig"
     describe dev
 
-    # CASE IMAGE PUBLIC-KEY EXIT MESSAGE: a refusal is also on standard error and leaves
-    # the flash untouched (no erase, no write)
+    # CASE IMAGE PUBLIC-KEY EXIT MESSAGE; a refusal goes to stderr too and writes nothing.
     while read -r name image pub want_exit message; do
         local exit=0 lines ops
         lines=$(wc -l <"$work/dev/events")
@@ -121,7 +117,6 @@ signed   signed.zunf   key.pub.pem 0  IMG: signature IMG.sig verified with KEY
 EOF
 }
 
-# --- boot: the boot script and the simulated boot loader across reboots -----------------
 
 # The set booted last, the active set and the states of sets 1 and 2 (V, T, B) of "dev".
 boot_status() {
@@ -141,8 +136,7 @@ case_boot() {
     release "$work/r1.zunf" 2.1.7 0x41
     release "$work/r2.zunf" 2.1.8 0x61
     describe dev
-    # boot HEALTH: the boot loader, then the boot script with that health check; crash: the
-    # boot loader alone; install and verify run on the system that booted last.
+    # boot HEALTH: loader, then boot script; crash: loader alone; others: on the booted set.
     local step arg want_exit want exit got
     while read -r step arg want_exit want; do
         [[ -z "$step" || "$step" == "#"* ]] && continue
@@ -163,8 +157,7 @@ case_boot() {
 boot     true     0     SAFESET  0       VV
 install  r1.zunf  0     SAFESET  1       TV
 boot     true     0     SET1     1       VV
-# Fails its health check: back to set 1, which still verifies; never reaches the boot
-# script: the boot loader falls back; passes: it stays.
+# Fails its health check, never reaches the boot script (crash), passes: it stays.
 install  r2.zunf  0     SET1     2       VT
 boot     false    1     SET2     1       VV
 boot     true     0     SET1     1       VV
@@ -179,10 +172,8 @@ verify   SET2     0     SET2     2       VV
 EOF
 }
 
-# --- recipes: the build the Yocto and Buildroot recipes ask for ---------------------------
 
-# Both recipes configure kiv alike; so configured, kiv builds and installs the device's
-# files and nothing else (Yocto refuses a build that installs files no package ships).
+# Both recipes configure kiv alike; so kiv installs the device's files and nothing else.
 case_recipes() {
     local opts build=$KIV_RECIPE_BUILD dest=$work/dest files extra
     opts=$(grep -o -- '-DKIV_[A-Z_]*=[A-Z0-9]*' "$examples/yocto/kiv_git.bb" | sort)

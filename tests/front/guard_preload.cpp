@@ -56,7 +56,6 @@ int fflush(FILE *stream) {
     return real<int (*)(FILE *)>("fflush")(stream);
 }
 
-// The child really ends; "status=N" makes wait report status N instead.
 pid_t wait(int *status) {
     pid_t pid = real<pid_t (*)(int *)>("wait")(status);
     if (pid >= 0 && fault() == "wait") return failed(ECHILD);

@@ -16,7 +16,6 @@
 #include "util/crc32.hpp"
 #include "zunf/zunf_format.hpp"
 
-// An invariant the product must keep: a violation is a finding like any overrun.
 [[noreturn]] inline void fuzz_fail(const char *cond, const char *file, int line) {
     std::fprintf(stderr, "FUZZ_CHECK failed at %s:%d: %s\n", file, line, cond);
     std::abort();
@@ -41,8 +40,7 @@ inline std::string fuzz_file(const char *name, const std::uint8_t *data, std::si
     return path;
 }
 
-// Input: flags byte, count k (0..15), k chunk sizes used in turn (0: empty chunk), the image.
-// With k = 0, or once a whole round delivered nothing, the rest comes as one chunk.
+// Input: flags, k (0..15), k chunk sizes in turn (0 empty; a round of nothing: the rest), image.
 struct fuzz_chunked {
     std::uint8_t flags = 0;
     const std::uint8_t *sizes = nullptr;

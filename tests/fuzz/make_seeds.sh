@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Writes the fuzz targets' seed corpora: images of every content type (mkzunf), hostconfigs as kiv
-# writes them, metadata, product and field lists, command lines. Usage: make_seeds.sh OUT MKZUNF KIV
+# The fuzz targets' seed corpora (images, hostconfigs, texts). Usage: make_seeds.sh OUT MKZUNF KIV
 set -euo pipefail
 out=$1 mkzunf=$2 kiv=$3
 work=$out/work
@@ -9,7 +8,6 @@ mkdir -p "$work" "$out"/{stream_parser,hostconfig,install,zunfinfo,kivmd,match_m
 # kiv is built with the sanitizers; its run-time checks stay on, the leak report is noise.
 export ASAN_OPTIONS=detect_leaks=0
 
-# Release images. Parts: 0 release header, 1 kivm, then the contents.
 kivm_lines=('2,KNL,0,-,-,-,2.1.7,1' '3,ROOT,0,/,squashfs,-,-2.-2.-2,2'
     '4,APPL,0,/mnt/appl,jffs2,m1,0x02010008,3' '5,BOOT,0,-,-,-,-1.-1.-1,1')
 printf '%s\n' '# kivm of the full release' "${kivm_lines[@]}" >"$work/kivm.txt"

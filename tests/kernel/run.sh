@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Holds the flash simulator to the kernel's MTD driver: runs scenario.sh on phram /dev/mtdN
-# devices (Debian's kernel under qemu, default sandbox layout) and in kiv-sandbox, and fails
+# scenario.sh on phram MTD devices (Debian's kernel under qemu) and in kiv-sandbox: fails
 # on any difference in outputs, exit statuses or flash contents that explain() does not.
 # Usage: run.sh KIV KIV_SANDBOX MKZUNF WORKDIR (cache/: the kernel, run/: the last run).
 # Exit: 0 same behaviour, 1 difference or failure, 77 a host tool is missing.
@@ -31,7 +30,6 @@ kernel_package() {
 }
 pkg=$(kernel_package)
 [ -n "$pkg" ] || pkg=$(apt-get update -qq >/dev/null 2>&1; kernel_package)
-# No package lists (offline): whatever an earlier run left in the cache.
 [ -n "$pkg" ] || pkg=$(find "$cache" -maxdepth 1 -name 'linux-image-*' -type d -printf '%f\n' |
     sort | tail -n 1)
 [ -n "$pkg" ] || die "cannot tell which kernel package linux-image-amd64 is"
@@ -77,7 +75,6 @@ done
 find "$kdir" \( -name mtd.ko -o -name phram.ko \) -exec cp {} "$root/lib/modules/" \;
 cp -r "$run/images" "$root/images"
 mknod -m 600 "$root/dev/console" c 5 1
-# The layout ("mtd N size=S erase=E", K/M suffixes) as "N SIZE ERASESIZE" in bytes.
 bytes() { local v=${1/%[kK]/*1024} && v=${v/%[mM]/*1048576} && echo $((v)); }
 while read -r word n rest; do
     [ "$word" = mtd ] || continue
@@ -108,7 +105,6 @@ if ! tail -n 1 "$run/vm.report" 2>/dev/null | grep -qx '=== end'; then
 fi
 sed -i '$d' "$run/vm.report"
 
-# --- The simulator: the same session in the sandbox, default layout and command line. ----
 (cd "$run/images" && timeout 150 "$sandbox" --dir "$run/sandbox" --timeout 120 \
     --cmdline "console=ttyS0 KIVSET=SET1" --keep "$(dirname "$kiv")" --keep "$here" \
     --keep "$(dirname "$demo_lib")" -- \

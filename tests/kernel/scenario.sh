@@ -1,6 +1,5 @@
 #!/bin/busybox sh
-# The session run.sh runs on the kernel's MTD devices and in kiv-sandbox to compare: each
-# command as "### COMMAND", its output, "--- stderr", its errors, "--- exit STATUS".
+# run.sh's session, reported as "### COMMAND", output, "--- stderr", errors, "--- exit N".
 # Usage: cd IMAGES && scenario.sh KIV [DEMO_LIB (default /demo-lib.sh, the VM's)]
 set -eu
 # shellcheck disable=SC3040 # busybox ash, the shell of both sides, has it
@@ -9,7 +8,6 @@ KIV=$1
 . "${2:-/demo-lib.sh}"
 unset KIV_PRODUCT KIV_PLATFORM
 
-# report LABEL COMMAND...
 report() {
     printf '### %s\n' "$1"
     shift
@@ -32,7 +30,6 @@ kiv zunfinfo release-2.1.7.zunf
 kiv install release-2.1.7.zunf -1 -test
 echo "### reboot into set 1"
 reboot_into 1 "$KIV" >/dev/null
-# -v shows the state bytes before the change: BOOT, then TEST.
 kiv upgrade test -v
 kiv upgrade validate -v
 kiv verify
@@ -45,7 +42,6 @@ kiv install missing.zunf 2
 
 # 2.1.8 changes the application only: set 2 shares set 1's kernel and root file system.
 kiv install release-2.1.8.zunf -1 -test
-# A second automatic choice before a reboot is refused.
 kiv install release-2.1.8.zunf -1 -test
 echo "### reboot into set 2"
 reboot_into 2 "$KIV" >/dev/null

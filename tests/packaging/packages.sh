@@ -1,6 +1,5 @@
 #!/usr/bin/env bash
-# Builds a finished build's Debian packages, installs them with dpkg --root, runs the
-# installed programs and has lintian check the packages.
+# A build's Debian packages installed with dpkg --root, run, and checked by lintian.
 # Usage: packages.sh BUILD_DIR SCRATCH_DIR
 set -euo pipefail
 build=$1 scratch=$2 root=$2/root
@@ -11,13 +10,11 @@ shopt -s nullglob
 debs=("$scratch"/debs/*.deb)
 [ ${#debs[@]} -eq 2 ] || { echo "expected 2 packages, got: ${debs[*]}"; exit 1; }
 
-# The device package carries the command alone; the tools are in kiv-tools.
 device=$(dpkg-deb -c "$scratch"/debs/kiv_*.deb | awk '$6 !~ /\/$/ {print $6}' | sort | tr '\n' ' ')
 expected="./usr/bin/kiv ./usr/include/kiv_plugin.h ./usr/share/bash-completion/completions/kiv \
 ./usr/share/doc/kiv/changelog.gz ./usr/share/doc/kiv/copyright ./usr/share/man/man1/kiv.1.gz "
 [ "$device" = "$expected" ] || { echo "device package holds: $device, not: $expected"; exit 1; }
 
-# Dependencies (libc6, fuse3) live outside the scratch root.
 dpkg --root="$root" --force-depends -i "${debs[@]}" >"$scratch/dpkg.log" 2>&1 ||
     { cat "$scratch/dpkg.log"; exit 1; }
 "$root/usr/bin/kiv" help | grep -q '^Usage' || { echo "installed kiv help printed no usage"; exit 1; }

@@ -9,7 +9,6 @@
 # Usage: check.sh snap | check.sh
 set -u
 
-# What the hostconfig describes (from the primary or the backup), then the state bytes.
 snap() {
     kiv info 2>/dev/null | grep -v '^KIV Data Upgrade'
     echo "info exit $?"

@@ -11,7 +11,6 @@ export PATH
 rm -rf "$work" && mkdir -p "$work"
 work=$(cd "$work" && pwd)
 
-# The build tree may lie under /tmp, which the sandbox replaces: kiv's directory is kept.
 bindir=$(dirname "$kiv")
 on_device() { # RUNDIR CMDLINE COMMAND...
     "$sandbox" --dir "$1" --cmdline "console=ttyS0 $2" --keep "$work" --keep "$here" \
@@ -22,8 +21,7 @@ prepare() { # RUNDIR CMDLINE COMMAND...: builds a starting state, quietly unless
     on_device "$@" >>"$work/prepare.log" 2>&1 || { cat "$work/prepare.log"; exit 1; }
 }
 
-# Releases: A and A2 are full; B changes the application only (the rest is kept); P
-# carries KNL and APPL and relies on ROOT already on flash; S and S2 fill the fallback set.
+# A, A2 full; B: application only changed; P: KNL, APPL and ROOT from flash; S, S2: fallback.
 release() { # FILE VERSION KNL ROOT APPL [POOL SUFFIX]
     local sfx=${6:-} args=()
     args+=(-e "release version=$2 date=2026-11-01T12:00:00 build_id=REL-$2 products=demo-board")

@@ -239,7 +239,6 @@ SandboxResult Device::run(std::vector<std::string> argv, RunOptions options) {
     cmd.emplace_back("--");
     cmd.insert(cmd.end(), argv.begin(), argv.end());
 
-    // The run's own syslog messages and events are what it appends.
     const std::string syslog_path = rundir_ + "/syslog", events_path = rundir_ + "/events";
     const std::size_t syslog_start = read_if_any(syslog_path).size();
     const std::size_t events_start = read_if_any(events_path).size();
