@@ -1,9 +1,9 @@
 // Optional functions a platform plug-in may provide. Each is a weak reference: it stays
-// null when nothing defines it, and the caller leaves its step out. The kiv binary is
-// linked with -rdynamic, so a shared library loaded with the program (LD_PRELOAD or a
-// DT_NEEDED entry) supplies them through the dynamic loader; C linkage keeps the names
-// plain for plug-ins written in C. kiv_plugin.h declares the same functions and records
-// for plug-in writers.
+// null when nothing defines it, and the caller leaves its step out. An undefined weak
+// reference stays in the binary's dynamic symbol table, so a shared library loaded with
+// the program (LD_PRELOAD or a DT_NEEDED entry) supplies them through the dynamic loader;
+// C linkage keeps the names plain for plug-ins written in C. kiv_plugin.h declares the
+// same functions and records for plug-in writers.
 #pragma once
 
 struct kivl_data;
