@@ -22,8 +22,8 @@ fi
 # ---------------------------------------------------------------------------------------
 # The device half: runs inside kiv-sandbox, writes "key value" lines to $work/results.
 if [ "$inside" = 1 ]; then
-    work=$1 kiv=$2 pairtime=$3 quick=$4
-    shift 4
+    work=$1 kiv=$2 pairtime=$3 memlib=$4 quick=$5
+    shift 5
     sizes=("$@")
     res=$work/results
     events=$work/run/events
@@ -80,6 +80,11 @@ if [ "$inside" = 1 ]; then
 
     # verify of the set against cmp reading the same bytes back (the release on set 1)
     pair verify "$pairs" "$kiv verify 1" -- "cmp -n $((largest * 1024)) /dev/mtd8 ${current%.zunf}.bin"
+
+    # What a device request costs: the same bytes read in the content check's 4 KiB requests
+    # and in the 10 KiB ones flashcp makes (on the simulator each request is a round trip).
+    dd="dd if=/dev/mtd8 of=/dev/null iflag=count_bytes count=$((largest * 1024))"
+    pair requests "$pairs" "$dd bs=4096" -- "$dd bs=10240"
 
     # One kiv run against a bare fork and exec.
     pair info "$((pairs * 4))" "$kiv info" -- /bin/true
@@ -153,13 +158,35 @@ if [ "$inside" = 1 ]; then
     put syscalls.flashcp "$(syscalls flashcp -v "$work/c${largest}a.bin" /dev/mtd10)"
 
     # Peak resident memory of kiv itself during a first install of the largest content
-    # (both of its processes: /usr/bin/time reports the largest), and of /bin/true.
-    current=$work/r$largest$(other).zunf
-    /usr/bin/time -f '%M' -o "$work/rss" "$kiv" -zunfsize=$zsize install "$current" 1 >/dev/null 2>&1
-    put rss.kiv_kib "$(tail -n 1 "$work/rss")"
+    # (both of its processes: /usr/bin/time reports the largest), and of /bin/true. Where
+    # the loader places libc decides which 64 KiB windows of it the kernel maps around each
+    # fault, so a single run varies by some 300 KiB: the median of several is taken.
+    peak_kib() { /usr/bin/time -f '%M' -o "$work/rss" "$@" >/dev/null 2>&1 && tail -n 1 "$work/rss"; }
+    median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+    : >"$work/rss.kiv" && : >"$work/rss.true"
+    for _ in $(seq "$(((pairs + 3) / 4))"); do
+        current=$work/r$largest$(other).zunf
+        peak_kib "$kiv" -zunfsize=$zsize install "$current" 1 >>"$work/rss.kiv"
+        peak_kib /bin/true >>"$work/rss.true"
+    done
+    # The same runs' own memory (USS: private pages, at exit, where the image is still
+    # held), largest process of each run; the rest of RSS is shared C library pages.
+    uss_kib() {
+        rm -f "$work/uss"
+        KIV_BENCH_MEMORY=$work/uss LD_PRELOAD=$memlib "$@" >/dev/null 2>&1
+        awk '$2 > m { m = $2 } END { print m + 0 }' "$work/uss"
+    }
+    : >"$work/uss.kiv" && : >"$work/uss.true"
+    for _ in $(seq "$(((pairs + 3) / 4))"); do
+        current=$work/r$largest$(other).zunf
+        uss_kib "$kiv" -zunfsize=$zsize install "$current" 1 >>"$work/uss.kiv"
+        uss_kib /bin/true >>"$work/uss.true"
+    done
+    put uss.kiv_kib "$(median <"$work/uss.kiv")"
+    put uss.true_kib "$(median <"$work/uss.true")"
+    put rss.kiv_kib "$(median <"$work/rss.kiv")"
     put rss.image_bytes "$(stat -c %s "$current")"
-    /usr/bin/time -f '%M' -o "$work/rss" /bin/true
-    put rss.true_kib "$(tail -n 1 "$work/rss")"
+    put rss.true_kib "$(median <"$work/rss.true")"
     exit 0
 fi
 
@@ -187,7 +214,7 @@ done
 echo "== [${SECONDS}s] building (Release, $build)" >&2
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j"$jobs" --target kiv kiv-sandbox kiv-flashsim mkzunf crc32_bench \
-    crc32_count pairtime >/dev/null
+    crc32_count pairtime memory_at_exit >/dev/null
 # The device binaries as scripts/build-cross.sh builds them, in build directories of our own.
 for arch in armhf arm64; do
     triplet=$([ $arch = armhf ] && echo arm-linux-gnueabihf || echo aarch64-linux-gnu)
@@ -235,7 +262,7 @@ EOF
 echo "== [${SECONDS}s] on the simulated device" >&2
 "$build/tools/sandbox/kiv-sandbox" --dir "$work/run" --layout "$work/layout" --keep "$work" \
     --timeout 1500 -- bash "$root/scripts/bench.sh" --inside "$work" "$kiv" \
-    "$build/bench/pairtime" "$quick" "${sizes[@]}"
+    "$build/bench/pairtime" "$build/bench/libmemory_at_exit.so" "$quick" "${sizes[@]}"
 
 declare -A r
 while read -r key value; do r[$key]=$value; done <"$work/results"
@@ -338,22 +365,27 @@ done
 # smallest install (a 4 KiB content) off first. Net figures use each command's fastest run:
 # a shared machine only ever adds time, and a difference of medians would carry the noise
 # of both.
-raw="" fcraw="" net=() nets="" fcnets=""
+raw="" fcraw="" net=() fcnet=() nets="" fcnets=""
 for s in "${sizes[@]:1}"; do
     raw+="${raw:+/}$(awk -v t="${r[install.$s.a_ms]}" -v s="$s" 'BEGIN { printf "%.2f", t * 1024 / s }')"
     fcraw+="${fcraw:+/}$(awk -v t="${r[install.$s.b_ms]}" -v s="$s" 'BEGIN { printf "%.2f", t * 1024 / s }')"
     n=$(awk -v t="${r[install.$s.a_min]}" -v f="${r[install.${sizes[0]}.a_min]}" -v s="$s" \
         'BEGIN { printf "%.2f", (t - f) * 1024 / s }')
     net+=("$n") nets+="${nets:+/}$n"
-    fcnets+="${fcnets:+/}$(awk -v t="${r[install.$s.b_min]}" -v f="${r[install.${sizes[0]}.b_min]}" \
-        -v s="$s" 'BEGIN { printf "%.2f", (t - f) * 1024 / s }')"
+    n=$(awk -v t="${r[install.$s.b_min]}" -v f="${r[install.${sizes[0]}.b_min]}" -v s="$s" \
+        'BEGIN { printf "%.2f", (t - f) * 1024 / s }')
+    fcnet+=("$n") fcnets+="${fcnets:+/}$n"
 done
 sizes_label="$(kib "${sizes[1]}")/$(kib "${sizes[2]}")/$(kib "$largest")"
 row "install ms per MiB, $sizes_label" "$raw" "$fcraw" "" "" ""
-lo=$(printf '%s\n' "${net[@]}" | sort -g | head -n 1)
-hi=$(printf '%s\n' "${net[@]}" | sort -g | tail -n 1)
-row "  less the $(kib "${sizes[0]}") install" "$nets" "$fcnets" "$(ratio "$hi" "$lo")" "flat 10%" \
-    "$(awk -v a="$lo" -v b="$hi" 'BEGIN { print (a > 0 && b / a <= 1.1) ? "yes" : "NO" }')"
+# spread VALUE...: the largest over the smallest
+spread() { printf '%s\n' "$@" | sort -g | awk 'NR == 1 { lo = $1 } { hi = $1 }
+    END { if (lo > 0) printf "%.2f", hi / lo; else print "-" }'; }
+q=$(spread "${net[@]}")
+row "  less the $(kib "${sizes[0]}") install" "$nets" "$fcnets" "$q" "flat 10%" \
+    "$(awk -v q="$q" 'BEGIN { print (q != "-" && q <= 1.1) ? "yes" : "NO" }')"
+# The same spread of the peer on the same device: how flat the device itself is.
+row "  the peer's spread (flashcp -v)" "" "$(spread "${fcnet[@]}")" "" "" ""
 row "second install $(kib "$largest") (first install)" "$(fmt "${r[second.a_ms]}" '%.1f ms')" \
     "$(fmt "${r[second.b_ms]}" '%.1f ms')" "$(fmt "${r[second.ratio]}" '%.2f')" "" ""
 ok=$([ "${r[second.target_ops]}" = 0 ] && [ "${r[second.other_ops]}" = 0 ] &&
@@ -393,6 +425,8 @@ row "install $(kib "$largest"): system calls (flashcp -v)" "${r[syscalls.kiv]}" 
 row "verify set of $(kib "$largest") (cmp)" "$(fmt "${r[verify.a_ms]}" '%.1f ms')" \
     "$(fmt "${r[verify.b_ms]}" '%.1f ms')" "$(fmt "${r[verify.ratio]}" '%.2f')" "<= 1.00" \
     "$(le "${r[verify.ratio]}" 1)"
+row "  reading it in 4 KiB requests (10 KiB, dd)" "$(fmt "${r[requests.a_ms]}" '%.1f ms')" \
+    "$(fmt "${r[requests.b_ms]}" '%.1f ms')" "$(fmt "${r[requests.ratio]}" '%.2f')" "" ""
 for len in 4096 16777216; do
     name=$([ $len = 4096 ] && echo "4 KiB" || echo "16 MiB")
     q=$(ratio "${r[crc.$len.kiv]}" "${r[crc.$len.zlib]}")
@@ -420,10 +454,12 @@ done
 row "kiv info, one run (fork+exec of true)" "$(fmt "${r[info.a_ms]}" '%.2f ms')" \
     "$(fmt "${r[info.b_ms]}" '%.2f ms')" "$(fmt "${r[info.ratio]}" '%.2f')" "" ""
 img_kib=$(((${r[rss.image_bytes]} + 1023) / 1024))
-row "peak RSS, install $(kib "$largest") (image size)" "${r[rss.kiv_kib]} KiB" "$img_kib KiB" \
+row "peak RSS, install $(kib "$largest"), median (image)" "${r[rss.kiv_kib]} KiB" "$img_kib KiB" \
     "$(ratio "${r[rss.kiv_kib]}" "$img_kib")" "+1024 KiB" "$(le "${r[rss.kiv_kib]}" $((img_kib + 1024)))"
 row "  beyond the image (/bin/true)" "$((${r[rss.kiv_kib]} - img_kib)) KiB" "${r[rss.true_kib]} KiB" \
     "$(ratio $((${r[rss.kiv_kib]} - img_kib)) "${r[rss.true_kib]}")" "" ""
+row "  its own (private) memory beyond the image" "$((${r[uss.kiv_kib]} - img_kib)) KiB" \
+    "${r[uss.true_kib]} KiB" "$(ratio $((${r[uss.kiv_kib]} - img_kib)) "${r[uss.true_kib]}")" "" ""
 for arch in x86-64 armhf arm64; do
     size=$(stat -c %s "$work/kiv.$arch")
     goal="" met=""
