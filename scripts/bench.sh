@@ -161,23 +161,23 @@ if [ "$inside" = 1 ]; then
     # (both of its processes: /usr/bin/time reports the largest), and of /bin/true. Where
     # the loader places libc decides which 64 KiB windows of it the kernel maps around each
     # fault, so a single run varies by some 300 KiB: the median of several is taken.
-    peak_kib() { /usr/bin/time -f '%M' -o "$work/rss" "$@" >/dev/null 2>&1 && tail -n 1 "$work/rss"; }
-    median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
-    : >"$work/rss.kiv" && : >"$work/rss.true"
-    for _ in $(seq "$(((pairs + 3) / 4))"); do
-        current=$work/r$largest$(other).zunf
-        peak_kib "$kiv" -zunfsize=$zsize install "$current" 1 >>"$work/rss.kiv"
-        peak_kib /bin/true >>"$work/rss.true"
-    done
-    # The same runs' own memory (USS: private pages, at exit, where the image is still
-    # held), largest process of each run; the rest of RSS is shared C library pages.
+    peak_kib() {
+        /usr/bin/time -f '%M' -o "$work/rss" "$@" >/dev/null 2>&1 && tail -n 1 "$work/rss"
+    }
+    # Beside it, the own memory of the same kind of run (USS: its private pages at exit,
+    # where the image is still held), largest process of the run; the rest of RSS is
+    # shared pages of the C library.
     uss_kib() {
         rm -f "$work/uss"
         KIV_BENCH_MEMORY=$work/uss LD_PRELOAD=$memlib "$@" >/dev/null 2>&1
         awk '$2 > m { m = $2 } END { print m + 0 }' "$work/uss"
     }
-    : >"$work/uss.kiv" && : >"$work/uss.true"
+    median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+    : >"$work/rss.kiv" && : >"$work/rss.true" && : >"$work/uss.kiv" && : >"$work/uss.true"
     for _ in $(seq "$(((pairs + 3) / 4))"); do
+        current=$work/r$largest$(other).zunf
+        peak_kib "$kiv" -zunfsize=$zsize install "$current" 1 >>"$work/rss.kiv"
+        peak_kib /bin/true >>"$work/rss.true"
         current=$work/r$largest$(other).zunf
         uss_kib "$kiv" -zunfsize=$zsize install "$current" 1 >>"$work/uss.kiv"
         uss_kib /bin/true >>"$work/uss.true"
