@@ -67,8 +67,9 @@ int kiv_activate(kiv_options *options) {
             kiv_log_both(LOG_CRIT, "activate action: hostcfg saving failed.\n");
             return 1;
         }
-        // The save erased the state bytes with the hostconfig device; writing VALID
-        // afterwards also covers a hostconfig kept elsewhere.
+        // The save erased the state bytes with the hostconfig device. With the hostconfig
+        // kept elsewhere they stay as they were, and a set in TEST cannot be made VALID
+        // without an erase: the write is read back and refused.
         if (set_upgrade_state(set, KIV_UPGRADE_STATE_VALID) != 0) {
             kiv_log_both(LOG_CRIT, "cannot set normal mode\n");
             return 1;

@@ -1,6 +1,7 @@
 #include "hostconfig/hostconfig_flags.hpp"
 
 #include <cstdio>
+#include <cstring>
 
 #include "util/qx.hpp"
 #include "util/stdio_file.hpp"
@@ -59,7 +60,11 @@ int hostconfig_flags_write(const std::uint8_t bytes[2]) {
     if (std::fwrite(stored, 1, FLAG_BYTES, f.get()) != FLAG_BYTES) return -1;
     // The bytes reach the device when the stream is flushed: a failing close is a
     // failed write.
-    return f.close() == 0 ? 0 : -1;
+    if (f.close() != 0) return -1;
+    // Like every other write, checked by reading it back.
+    std::uint8_t now[FLAG_BYTES];
+    if (hostconfig_flags_read(now) != 0) return -1;
+    return std::memcmp(now, bytes, FLAG_BYTES) == 0 ? 0 : -1;
 }
 
 int upgrade_flags_read(int set) {
@@ -74,7 +79,13 @@ int upgrade_flags_write(int set, int value) {
     if (!flagged_set(set)) return -1;
     std::uint8_t bytes[FLAG_BYTES];
     if (hostconfig_flags_read(bytes) != 0) return -1;
-    bytes[set - 1] = static_cast<std::uint8_t>(value);
+    // Unerased NOR flash only clears stored bits, which sets bits of the complemented
+    // byte: TEST back to VALID, or BOOT to TEST, cannot be programmed over. The save
+    // before a state write normally erases these bytes with the hostconfig; with the
+    // hostconfig kept elsewhere such a request is refused instead of written in vain.
+    const auto wanted = static_cast<std::uint8_t>(value);
+    if ((bytes[set - 1] & ~wanted) != 0) return -1;
+    bytes[set - 1] = wanted;
     return hostconfig_flags_write(bytes) == 0 ? 0 : -1;
 }
 
