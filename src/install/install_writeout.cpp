@@ -84,13 +84,23 @@ bool write_layout(int fd, const char *device, const zunf_content_header *part, i
     const std::uint32_t body_len = part->body_length.get();
     const std::uint8_t *body = hdr + hdr_len;
 
+    // A device may take fewer bytes than asked (a caught signal, a driver's request size):
+    // the rest is written from where it stopped. Only an error, or a device that takes
+    // nothing more, fails.
     auto put = [&](const std::uint8_t *p, std::uint32_t len) {
-        errno = 0; // a short count sets none
-        const ssize_t n = ::write(fd, p, len);
-        if (n == static_cast<ssize_t>(len)) return true;
-        kiv_log(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
-                static_cast<int>(n));
-        return false;
+        while (len > 0) {
+            errno = 0; // a count of 0 sets none
+            const ssize_t n = ::write(fd, p, len);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) {
+                kiv_log(LOG_ERR, "Could not fwrite to %s, errno=%i result=%i\n", device, errno,
+                        static_cast<int>(n));
+                return false;
+            }
+            p += n;
+            len -= static_cast<std::uint32_t>(n);
+        }
+        return true;
     };
     switch (wts) {
     case 1:

@@ -228,6 +228,7 @@ TEST(Faults, OneFlashFaultPerRun) {
         {"install IMG 2", "erase:mtd10:0", "VV>VV", 1, "1", ERASE + FAILED + "KNL INTO 10\n"},
         {"install IMG 2", "write:mtd12:0", "VV>VV", 1, "1",
          "3 Could not fwrite to /dev/mtd12, errno=5 result=-1\n" + FAILED + "ROOT INTO 12\n"},
+        {"install IMG 2", "short:mtd12:4096", "VV>VV", 0, "2", ""}, // the rest written after
         {"install IMG 2", "bitflip:mtd10:17:3", "VV>VV", 1, "1",
          "3 CRC32 VERIFY FAILED: partinfo_idx=10 se_idx=0\n"},
         {"install IMG 0 -f", "erase:mtd7:0", "VV>VV", 11, "1",
