@@ -1,9 +1,11 @@
 #include "front/kiv_log.hpp"
 
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <unistd.h>
+
+#include "util/signals_held.hpp"
 
 int kiv_critical_depth = 0;
 
@@ -18,10 +20,7 @@ void emit(Channel ch, int priority, const char *format, va_list args) {
     // other signal blocked. A second signal arriving while a message is half-written would
     // re-enter syslog() and stdio and hang on their locks; two quick signals to the parent
     // did exactly that. So no handler may run while a message is being written.
-    sigset_t all, saved;
-    sigfillset(&all);
-    sigprocmask(SIG_BLOCK, &all, &saved);
-
+    SignalsHeld held;
     char msg[MSG_LEN];
     qx_vsnprintf(msg, sizeof msg, format, args);
     if (ch != Channel::SyslogOnly) std::fprintf(stderr, "%s", msg);
@@ -29,13 +28,15 @@ void emit(Channel ch, int priority, const char *format, va_list args) {
     // their output, and then only the system log keeps the message.
     bool to_syslog = ch != Channel::StderrMaybeSyslog || !::isatty(1);
     if (to_syslog) syslog(priority, "%s", msg); // never pass message text as a format
-
-    sigprocmask(SIG_SETMASK, &saved, nullptr);
 }
 } // namespace
 
 void kiv_log_open() {
     openlog("KIV", LOG_NDELAY, LOG_USER);
+    // syslog() stamps the local time; the first time conversion of a process reads the
+    // zone file and allocates. Done now, before any handler is installed, a handler's
+    // note never allocates, whatever allocation it interrupts.
+    tzset();
 }
 
 void kiv_log(int priority, const char *format, ...) {

@@ -6,6 +6,7 @@
 #include "kivl/kivl.hpp"
 #include "util/fixed_text.hpp"
 #include "util/qx.hpp"
+#include "util/signals_held.hpp"
 
 namespace {
 constexpr const char *MODULE = "kivl";
@@ -105,7 +106,12 @@ int kivl_printf_time(std::uint32_t t) {
         std::uint64_t{t} <= static_cast<std::uint64_t>(std::numeric_limits<std::time_t>::max());
     std::time_t when = static_cast<std::time_t>(t);
     std::tm tm{};
-    if (!fits || gmtime_r(&when, &tm) == nullptr) return qx_printf("INVALID TIME");
+    bool converted = false;
+    if (fits) {
+        SignalsHeld held; // the conversion holds the C library's time zone lock
+        converted = gmtime_r(&when, &tm) != nullptr;
+    }
+    if (!converted) return qx_printf("INVALID TIME");
     return qx_printf("%4i.%02i.%02i %02i:%02i:%02i", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
                      tm.tm_hour, tm.tm_min, tm.tm_sec);
 }
