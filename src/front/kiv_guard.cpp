@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +19,15 @@ namespace {
 // must not stop half-way, so each of them is only noted.
 constexpr std::array<int, 6> CAUGHT_SIGNALS = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2};
 constexpr mode_t LOCK_FILE_MODE = 0600;
+
+// A run removes its lock file once it has let go of the lock. A run that opened the file
+// before that and locks it after holds a file no longer on the path, where a third run
+// may already have created and locked a new one: it must not go on beside that run.
+bool still_named(int fd, const char *path) {
+    struct stat held = {}, named = {};
+    return ::fstat(fd, &held) == 0 && ::stat(path, &named) == 0 && held.st_dev == named.st_dev &&
+           held.st_ino == named.st_ino;
+}
 } // namespace
 
 int kiv_catch_signal(int signal, const struct sigaction *action, sigset_t *unblock) {
@@ -105,7 +115,7 @@ int kiv_lock(const kiv_options *options) {
         return 0;
     }
     // Never wait: a second run on the same device gives up at once.
-    if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0 || !still_named(fd.get(), options->lockfile)) {
         fd.reset();
         kiv_log(LOG_ERR, "Could not acquire kiv lock\n");
         return 0;

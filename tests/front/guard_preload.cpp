@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <initializer_list>
 #include <string_view>
 #include <sys/file.h>
@@ -29,13 +30,18 @@ int failed(int error) {
 
 extern "C" {
 
-// Right after taking the lock the child aborts, loses its lock file, or is signalled.
+// Right after taking the lock the child aborts or is signalled; before, its lock file is
+// replaced; before letting go of it, it loses the lock file.
 int flock(int fd, int operation) {
     if (operation == LOCK_UN && fault() == "unlock") return -1;
+    if (operation == LOCK_UN && fault() == "unlink") ::unlink(std::getenv("KIV_GUARD_LOCK"));
+    if ((operation & LOCK_EX) && fault() == "replaced") { // by the run before, then a third
+        ::unlink(std::getenv("KIV_GUARD_LOCK"));
+        ::close(::open(std::getenv("KIV_GUARD_LOCK"), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    }
     int result = real<int (*)(int, int)>("flock")(fd, operation);
     if (result != 0 || !(operation & LOCK_EX)) return result;
     if (fault() == "abort") std::abort();
-    if (fault() == "unlink") ::unlink(std::getenv("KIV_GUARD_LOCK"));
     // SIGALRM is not caught by kiv: blocked, it must never arrive.
     if (fault() == "signals")
         for (int sig : {SIGTERM, SIGINT, SIGUSR1, SIGUSR2, SIGALRM})

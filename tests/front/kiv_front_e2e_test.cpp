@@ -128,6 +128,7 @@ TEST(KivFrontE2e, ProcessGuard) {
         {"same_group", 3, LOG_ERR, "No new process group created?\n", false},
         {"sigaction", 4, LOG_ERR, "Could not catch signal #10\n", false},
         {"unlock", 0, LOG_ERR, "WARNING: kiv_unlock failed\n", true},
+        {"replaced", 1, LOG_ERR, "Could not acquire kiv lock\n", true},
     };
     Device dev;
     const std::string lock = dev.scratch_path("kiv.lock"), preload = KIV_GUARD_PRELOAD;
