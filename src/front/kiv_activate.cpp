@@ -69,7 +69,7 @@ int kiv_activate(kiv_options *options) {
         }
         // The save erased the state bytes with the hostconfig device. With the hostconfig
         // kept elsewhere they stay as they were, and a set in TEST cannot be made VALID
-        // without an erase: the write is read back and refused.
+        // without an erase: that request is refused.
         if (set_upgrade_state(set, KIV_UPGRADE_STATE_VALID) != 0) {
             kiv_log_both(LOG_CRIT, "cannot set normal mode\n");
             return 1;
