@@ -165,6 +165,14 @@ int hostconfig_finalize_zunf(hostconfig *hc) {
     return 1;
 }
 
+namespace {
+bool holds_valid_image(const char *path) {
+    hostconfig stored;
+    return hostconfig_new(&stored, HOSTCONFIG_MAX_SIZE) == 1 &&
+           hostconfig_load_raw(&stored, path) == 0;
+}
+} // namespace
+
 int hostconfig_save(hostconfig *hc, const char *path, const char *backup_path) {
     QX_ASSERT(MODULE, hc != nullptr);
     QX_ASSERT(MODULE, path != nullptr);
@@ -179,8 +187,15 @@ int hostconfig_save(hostconfig *hc, const char *path, const char *backup_path) {
          ++i)
         hostconfig_finalize_content(hc->parts[i]);
     hostconfig_finalize_zunf(hc);
-    // Backup first: if power fails while the primary is erased or half written, the
-    // backup already holds the new image.
+    // One good copy stays on flash at every moment. Normally that is the primary, so the
+    // backup goes first: if power fails while the primary is erased or half written, the
+    // backup already holds the new image. When only the backup holds a valid image (this
+    // run had to load it), it must not be erased before the primary holds the new image.
+    if (backup_path != nullptr && !holds_valid_image(path) && holds_valid_image(backup_path)) {
+        if (hostconfig_save_raw(hc, path) != 0) return -1;
+        hostconfig_save_raw(hc, backup_path);
+        return 1;
+    }
     if (backup_path != nullptr) hostconfig_save_raw(hc, backup_path);
     return hostconfig_save_raw(hc, path) == 0 ? 1 : -1;
 }

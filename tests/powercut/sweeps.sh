@@ -60,6 +60,9 @@ prepare "$work/boot2" KIVSET=SET1 kiv install "$work/A2.zunf" 2 -test
 printf '\374' | dd of="$work/boot2/flash/mtd5.img" bs=1 seek=131071 conv=notrunc 2>/dev/null
 cp -a "$work/boot2" "$work/tested2"
 prepare "$work/tested2" KIVSET=SET2 kiv upgrade test
+# A primary copy gone bad: runs load the backup, the only good copy.
+cp -a "$work/both" "$work/badprimary"
+printf '\377' | dd of="$work/badprimary/flash/mtd5.img" bs=1 seek=100 conv=notrunc 2>/dev/null
 
 # The sweep tool itself: a subset of the cut points and a failing check, reported.
 self=$("$powercut" --dir "$work/blank" --work "$work/self.sweep" --keep "$bindir" --from 2 --to 5 --every 2 \
@@ -76,6 +79,7 @@ initialize       |blank    |SET1   |  |  |before|            |kiv initialize
 partinfo         |described|SAFESET|  |  |before|            |kiv partinfo 14 APPL 0x40000 -offset=D00000
 partset          |described|SAFESET|  |  |before|            |kiv partset 2 SPARE -refs=10,12
 activate         |both     |SET1   |1 |  |before|            |kiv activate 2
+activate-badprimary|badprimary|SET1|1 |  |before|            |kiv activate 2
 upgrade-activate |both     |SET1   |1 |  |before|            |echo 2 >/tmp/kiv.activeset && kiv upgrade activate
 upgrade-test     |boot2    |SET2   |1 |  |before|state-window|kiv upgrade test
 upgrade-validate |tested2  |SET2   |1 |  |before|            |kiv upgrade validate
