@@ -252,6 +252,7 @@ void op_open(fuse_req_t req, fuse_ino_t ino, struct fuse_file_info *fi) {
     // Reads must always show what the flash holds, never a cached copy.
     fi->direct_io = 1;
     fi->keep_cache = 0;
+    fi->fh = static_cast<std::uint64_t>(acc); // later requests carry the handle, not the flags
     fuse_reply_open(req, fi);
 }
 
@@ -397,8 +398,9 @@ void do_erase(fuse_req_t req, Device &d, const erase_info_user &ei) {
         fuse_reply_ioctl(req, 0, nullptr, 0);
 }
 
-void op_ioctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg, struct fuse_file_info *,
-              unsigned flags, const void *in_buf, size_t in_bufsz, size_t out_bufsz) {
+void op_ioctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg,
+              struct fuse_file_info *fi, unsigned flags, const void *in_buf, size_t in_bufsz,
+              size_t out_bufsz) {
     Device *d = device_of(ino);
     if (!d || (flags & FUSE_IOCTL_DIR)) {
         fuse_reply_err(req, ENOTTY);
@@ -421,6 +423,11 @@ void op_ioctl(fuse_req_t req, fuse_ino_t ino, unsigned int cmd, void *arg, struc
         return;
     }
     case MEMERASE: {
+        // As the kernel's driver: erasing needs a descriptor opened for writing.
+        if (fi->fh == static_cast<std::uint64_t>(O_RDONLY)) {
+            fuse_reply_err(req, EPERM);
+            return;
+        }
         if (in_bufsz < sizeof(erase_info_user)) {
             fuse_reply_err(req, EINVAL);
             return;
