@@ -64,12 +64,15 @@ prepare "$work/tested2" KIVSET=SET2 kiv upgrade test
 cp -a "$work/both" "$work/badprimary"
 printf '\377' | dd of="$work/badprimary/flash/mtd5.img" bs=1 seek=100 conv=notrunc 2>/dev/null
 
-# The sweep tool itself: a subset of the cut points and a failing check, reported.
+# The sweep tool itself: a subset of the cut points, a failing check and a check that
+# programs bits it did not erase (the backup copy is written by cut 4), all reported.
 self=$("$powercut" --dir "$work/blank" --work "$work/self.sweep" --keep "$bindir" --from 2 --to 5 --every 2 \
-    --check '[ "$KIV_POWERCUT_OP" != 4 ]' -- kiv initialize) && status=0 || status=$?
+    --check 'case $KIV_POWERCUT_OP in 2) false ;; 4) printf "\377" | dd of=/dev/mtd2 2>/dev/null ;; esac' \
+    -- kiv initialize) && status=0 || status=$?
 expected="scenario: exit 0, 6 flash operations
-cut 4 after erase mtd5 0 65536: FAILED: check exit 1
-2 cut points, 1 failed"
+cut 2 after erase mtd2 65536 65536: FAILED: check exit 1
+cut 4 after erase mtd5 0 65536: FAILED: wrote flash it had not erased: violation mtd2 0 1
+2 cut points, 2 failed"
 [ "$status" = 1 ] && [ "$self" = "$expected" ] ||
     { echo "kiv-powercut reported (exit $status):"; echo "$self"; exit 1; }
 

@@ -30,7 +30,7 @@
 
 namespace {
 
-constexpr int kExitFailed = 1; // at least one cut point failed
+constexpr int kExitFailed = 1; // a cut point failed, or the uncut run wrote unerased flash
 constexpr int kExitUsage = 2;  // bad usage, or the sweep itself could not run
 constexpr int kPowercutStatus = 128 + 9;
 
@@ -246,11 +246,12 @@ struct Scratch {
     }
 };
 
-// The flash operations of the runs since the last reset, in order, and the devices they
-// touched.
+// The flash operations of the runs since the last reset, in order, the devices they
+// touched, and the first write that wanted to set bits the flash held at 0.
 struct Events {
     std::vector<std::string> ops; // "erase mtd7 0 65536"
     std::set<std::string> devices;
+    std::string violation; // "violation mtd5 100 1", or empty
 };
 
 Events read_events(const std::string &path) {
@@ -262,6 +263,7 @@ Events read_events(const std::string &path) {
         line[std::strcspn(line, "\n")] = 0;
         char kind[16], dev[16];
         if (std::sscanf(line, "%15s %15s", kind, dev) != 2) continue;
+        if (std::strcmp(kind, "violation") == 0 && ev.violation.empty()) ev.violation = line;
         if (std::strcmp(kind, "erase") != 0 && std::strcmp(kind, "write") != 0) continue;
         ev.ops.push_back(line);
         ev.devices.insert(dev);
@@ -352,6 +354,10 @@ int main(int argc, char **argv) {
     int checked = run_sandbox(o, scratch.run, {}, check, check_out);
     Events dirty = read_events(scratch.run + "/events");
     dirty.devices.insert(counted.devices.begin(), counted.devices.end());
+    if (!dirty.violation.empty()) {
+        std::printf("the uncut run wrote flash it had not erased: %s\n", dirty.violation.c_str());
+        return kExitFailed;
+    }
     if (checked != 0) {
         std::printf("the check fails without a power cut: %s\n",
                     describe(checked, last_line(check_out)).c_str());
@@ -378,6 +384,12 @@ int main(int argc, char **argv) {
             verdict = describe(status, last_line(check_out));
         }
         Events after = read_events(scratch.run + "/events");
+        // The flash kept the AND of old and new bits: something now reads back what no one
+        // wrote, whether or not the check happens to look there.
+        if (!after.violation.empty()) {
+            verdict = "wrote flash it had not erased: " + after.violation;
+            status = -1;
+        }
         dirty.devices.insert(after.devices.begin(), after.devices.end());
         dirty.devices.insert(ran.devices.begin(), ran.devices.end());
 
